@@ -1,0 +1,36 @@
+# The two commands of the README:
+#   make run    installs what is missing, builds, starts the app
+#   make test   installs what is missing, builds, runs every test inside a private desktop session
+BUILD_DIR ?= build
+JOBS ?= $(shell nproc)
+CTEST_ARGS ?=
+
+.PHONY: all deps build run test test-asan bench clean
+
+all: build
+
+deps:
+	./scripts/install-deps.sh
+
+$(BUILD_DIR)/build.ninja:
+	cmake --preset default -B $(BUILD_DIR)
+
+build: deps $(BUILD_DIR)/build.ninja
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+run: build
+	$(BUILD_DIR)/src/velnora
+
+test: build
+	./scripts/desktop-session.sh ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS) $(CTEST_ARGS)
+
+test-asan: deps
+	cmake --preset asan
+	cmake --build build-asan -j $(JOBS)
+	./scripts/desktop-session.sh ctest --preset asan -j $(JOBS)
+
+bench: build
+	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+
+clean:
+	rm -rf $(BUILD_DIR) build-asan

@@ -1,0 +1,48 @@
+#include "app/ApplicationMode.h"
+
+#include "app/ModeResult.h"
+
+#include <QApplication>
+
+#include <xcb/xcb.h>
+
+namespace velnora::ApplicationMode {
+
+QString missingDisplayReason()
+{
+    const QByteArray platform = qgetenv("QT_QPA_PLATFORM");
+    if (!platform.isEmpty() && !platform.startsWith("xcb") && !platform.startsWith("wayland")) {
+        return {}; // offscreen and friends need no display
+    }
+    const QByteArray display = qgetenv("DISPLAY");
+    if (display.isEmpty()) {
+        if (!qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
+            return QStringLiteral("澜镜需要 X11 显示（Wayland 会话中请启用 XWayland）：没有设置 DISPLAY。");
+        }
+        return QStringLiteral("澜镜需要图形桌面会话：没有设置 DISPLAY，找不到可用的显示器。请在桌面会话中启动。");
+    }
+    // Qt aborts when it cannot reach the display; ask first so the user gets a sentence instead.
+    xcb_connection_t* connection = xcb_connect(display.constData(), nullptr);
+    const bool failed = xcb_connection_has_error(connection) != 0;
+    xcb_disconnect(connection);
+    if (failed) {
+        return QStringLiteral("澜镜无法连接到显示器 %1，请确认图形桌面会话正在运行。").arg(QString::fromLocal8Bit(display));
+    }
+    return {};
+}
+
+int run(const ProcessArguments& arguments)
+{
+    if (const QString reason = missingDisplayReason(); !reason.isEmpty()) {
+        ModeResult::printErrorLine(reason);
+        return 1;
+    }
+    QApplication application(arguments.argc(), arguments.argv());
+    QApplication::setApplicationName(QStringLiteral("velnora"));
+    QApplication::setApplicationDisplayName(QStringLiteral("澜镜"));
+    QApplication::setApplicationVersion(QStringLiteral(VELNORA_VERSION));
+    QApplication::setQuitOnLastWindowClosed(false);
+    return application.exec();
+}
+
+} // namespace velnora::ApplicationMode

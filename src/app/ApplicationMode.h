@@ -1,0 +1,12 @@
+#pragma once
+
+#include "app/ProcessArguments.h"
+
+namespace velnora::ApplicationMode {
+
+// Why no graphical session can be opened, in Chinese; empty when one can.
+QString missingDisplayReason();
+// Starts the tray application and runs its event loop.
+int run(const ProcessArguments& arguments);
+
+} // namespace velnora::ApplicationMode

@@ -1,0 +1,134 @@
+#include "app/RunModes.h"
+
+#include "app/ApplicationMode.h"
+#include "app/KeychainRepairCommand.h"
+#include "app/ModeResult.h"
+#include "config/ConfigSelfChecks.h"
+
+namespace velnora::RunModes {
+
+namespace {
+
+int runEditionSelfTest(const ProcessArguments&)
+{
+    return ModeResult::report(QStringLiteral("edition-self-test"), ConfigSelfChecks::editionFailure());
+}
+
+int runSettingsSelfTest(const ProcessArguments&)
+{
+    return ModeResult::report(QStringLiteral("settings-self-test"), ConfigSelfChecks::settingsFailure());
+}
+
+int runNativeHost(const ProcessArguments&)
+{
+    // Nothing to carry yet: end at once, which Chrome reads as a closed port.
+    return 0;
+}
+
+} // namespace
+
+const std::vector<Row>& table()
+{
+    static const std::vector<Row> rows{
+        {1, "--browser-repair-self-test", Match::flag, {}},
+        {2, "--browser-wake-self-test", Match::flag, {}},
+        {3, "--update-self-test", Match::flag, {}},
+        {4, "--updates-preview", Match::flag, {}},
+        {5, "--edition-self-test", Match::flag, runEditionSelfTest},
+        {6, "--send-preview", Match::flag, {}},
+        {7, "--send-pill-preview", Match::flag, {}},
+        {8, "--send-settings", Match::flag, {}},
+        {9, "--send-translation-self-test", Match::flag, {}},
+        {10, "--self-test", Match::flag, {}},
+        {11, "--markdown-self-test", Match::flag, {}},
+        {12, "--overlay-self-test", Match::flag, {}},
+        {13, "--render-pill", Match::flagWithValue, {}},
+        {14, "--render-overlay", Match::flagWithValue, {}},
+        {15, "--settings-self-test", Match::flag, runSettingsSelfTest},
+        {16, "--api-stream-self-test", Match::flagWithValue, {}},
+        {17, "--check-accessibility", Match::flag, {}},
+        {18, "--repair-keychain-access", Match::flag, KeychainRepairCommand::run},
+        {19, "--native-host-installer-self-test", Match::flag, {}},
+        {20, "--bridge-diagnostics-self-test", Match::flag, {}},
+        {21, "--bridge-status", Match::flag, {}},
+        {22, "", Match::nativeMessaging, runNativeHost},
+        {23, "", Match::always, ApplicationMode::run},
+    };
+    return rows;
+}
+
+bool isNativeMessagingInvocation(const QStringList& arguments)
+{
+    for (qsizetype i = 1; i < arguments.size(); ++i) {
+        const QString& argument = arguments.at(i);
+        if (argument == u"--native-host" || argument.startsWith(u"chrome-extension://")) {
+            return true;
+        }
+    }
+    return false;
+}
+
+const Row* select(const ProcessArguments& arguments)
+{
+    for (const Row& row : table()) {
+        if (!row.action) {
+            continue;
+        }
+        const QString flag = QString::fromLatin1(row.flag);
+        bool matches = false;
+        switch (row.match) {
+        case Match::flag:
+            matches = arguments.has(flag);
+            break;
+        case Match::flagWithValue:
+            matches = arguments.valueAfter(flag).has_value();
+            break;
+        case Match::nativeMessaging:
+            matches = isNativeMessagingInvocation(arguments.list());
+            break;
+        case Match::always:
+            matches = true;
+            break;
+        }
+        if (matches) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+QString usage()
+{
+    QString text = QStringLiteral(
+        "用法：velnora [模式]\n"
+        "澜镜：选中文字，按全局快捷键，用通俗的简体中文解释。\n"
+        "\n"
+        "不带参数时启动托盘应用。可用的单次模式：\n");
+    for (const Row& row : table()) {
+        if (row.action && row.flag[0] != '\0') {
+            text += QStringLiteral("  ") + QString::fromLatin1(row.flag) +
+                    (row.match == Match::flagWithValue ? QStringLiteral(" 值") : QString()) + u'\n';
+        }
+    }
+    text += QStringLiteral(
+        "  --native-host          作为 Chrome 本地消息宿主运行（由浏览器启动）\n"
+        "  --help                 显示本帮助\n"
+        "  --version              显示版本号\n");
+    return text;
+}
+
+int dispatch(const ProcessArguments& arguments)
+{
+    if (arguments.has(QStringLiteral("--help")) || arguments.has(QStringLiteral("-h"))) {
+        std::fputs(usage().toUtf8().constData(), stdout);
+        return 0;
+    }
+    if (arguments.has(QStringLiteral("--version"))) {
+        ModeResult::printLine(QStringLiteral("velnora " VELNORA_VERSION));
+        return 0;
+    }
+    const Row* row = select(arguments);
+    return row ? row->action(arguments) : 0;
+}
+
+} // namespace velnora::RunModes

@@ -1,0 +1,224 @@
+#include "config/ConfigurationStore.h"
+
+#include "config/AppEdition.h"
+#include "config/ConfigurationError.h"
+#include "config/PromptLibrary.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSettings>
+#include <QStandardPaths>
+#include <QUrl>
+
+namespace velnora {
+
+namespace {
+
+QByteArray encodeOverrides(const QMap<QString, ProviderOverride>& overrides)
+{
+    QJsonObject root;
+    for (auto it = overrides.cbegin(); it != overrides.cend(); ++it) {
+        root.insert(it.key(), QJsonObject{{"baseURL", it->baseURL}, {"model", it->model}});
+    }
+    return QJsonDocument(root).toJson(QJsonDocument::Compact);
+}
+
+} // namespace
+
+QString ConfigurationStore::defaultSettingsPath()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
+           QStringLiteral("/tarnwick/velnora-domestic.conf");
+}
+
+ConfigurationStore::ConfigurationStore(QObject* parent) : ConfigurationStore(defaultSettingsPath(), parent) {}
+
+ConfigurationStore::ConfigurationStore(const QString& settingsPath, QObject* parent)
+    : QObject(parent), m_settings(std::make_unique<QSettings>(settingsPath, QSettings::IniFormat))
+{
+}
+
+ConfigurationStore::~ConfigurationStore() = default;
+
+QString ConfigurationStore::readString(const char* key) const
+{
+    const QVariant value = m_settings->value(QLatin1String(key));
+    return value.canConvert<QString>() ? value.toString() : QString();
+}
+
+void ConfigurationStore::write(const char* key, const QVariant& value)
+{
+    if (value.isNull()) {
+        m_settings->remove(QLatin1String(key));
+    } else {
+        m_settings->setValue(QLatin1String(key), value);
+    }
+    m_settings->sync();
+    Q_EMIT configurationDidChange();
+}
+
+ExecutionMode ConfigurationStore::executionMode() const
+{
+    return readString(Keys::executionMode) == QLatin1String("api") ? ExecutionMode::api : ExecutionMode::browser;
+}
+
+void ConfigurationStore::setExecutionMode(ExecutionMode mode)
+{
+    write(Keys::executionMode, rawValue(mode));
+}
+
+BrowserProvider ConfigurationStore::browserProvider() const
+{
+    return fromRawValue<BrowserProvider>(readString(Keys::browserProvider)).value_or(BrowserProvider::doubao);
+}
+
+void ConfigurationStore::setBrowserProvider(BrowserProvider provider)
+{
+    write(Keys::browserProvider, rawValue(provider));
+}
+
+QString ConfigurationStore::apiProviderID() const
+{
+    const QString id = readString(Keys::apiProvider);
+    return id.isEmpty() ? QStringLiteral("doubao") : id;
+}
+
+void ConfigurationStore::setApiProviderID(const QString& id)
+{
+    write(Keys::apiProvider, id);
+}
+
+ExplanationDepth ConfigurationStore::explanationDepth() const
+{
+    return fromRawValue<ExplanationDepth>(readString(Keys::explanationDepth)).value_or(ExplanationDepth::balanced);
+}
+
+void ConfigurationStore::setExplanationDepth(ExplanationDepth depth)
+{
+    write(Keys::explanationDepth, rawValue(depth));
+}
+
+QString ConfigurationStore::systemPrompt() const
+{
+    if (!m_settings->contains(QLatin1String(Keys::systemPrompt))) {
+        return PromptLibrary::defaultSystemPrompt();
+    }
+    return readString(Keys::systemPrompt);
+}
+
+void ConfigurationStore::setSystemPrompt(const QString& prompt)
+{
+    write(Keys::systemPrompt, PromptLibrary::normalizedSystemPrompt(prompt));
+}
+
+bool ConfigurationStore::didShowVersion2Setup() const
+{
+    const QVariant value = m_settings->value(QLatin1String(Keys::didShowVersion2Setup));
+    return value.typeId() == QMetaType::Bool ? value.toBool() : value.toString() == QLatin1String("true");
+}
+
+void ConfigurationStore::setDidShowVersion2Setup(bool shown)
+{
+    write(Keys::didShowVersion2Setup, shown);
+}
+
+QMap<QString, ProviderOverride> ConfigurationStore::providerOverrides() const
+{
+    QMap<QString, ProviderOverride> overrides;
+    const QJsonDocument document =
+        QJsonDocument::fromJson(m_settings->value(QLatin1String(Keys::providerOverrides)).toByteArray());
+    const QJsonObject root = document.object();
+    for (auto it = root.begin(); it != root.end(); ++it) {
+        if (!it->isObject()) {
+            continue;
+        }
+        const QJsonObject entry = it->toObject();
+        overrides.insert(it.key(), {entry.value("baseURL").toString(), entry.value("model").toString()});
+    }
+    return overrides;
+}
+
+std::optional<ProviderOverride> ConfigurationStore::providerOverride(const QString& id) const
+{
+    const auto overrides = providerOverrides();
+    const auto it = overrides.constFind(id);
+    return it == overrides.cend() ? std::nullopt : std::optional(*it);
+}
+
+void ConfigurationStore::saveProviderOverride(const QString& id, const QString& baseURL, const QString& model)
+{
+    const ProviderDefinition& definition = ProviderDefinition::definition(id);
+    const ProviderOverride entry{baseURL == definition.defaultBaseURL ? QString() : baseURL,
+                                 model == definition.defaultModel ? QString() : model};
+    QMap<QString, ProviderOverride> overrides = providerOverrides();
+    if (entry.baseURL.isEmpty() && entry.model.isEmpty()) {
+        overrides.remove(id);
+    } else {
+        overrides.insert(id, entry);
+    }
+    write(Keys::providerOverrides, encodeOverrides(overrides));
+}
+
+ResolvedProviderConfiguration ConfigurationStore::resolvedProvider(const QString& apiKey) const
+{
+    const QString id = apiProviderID();
+    const ProviderDefinition* definition = ProviderDefinition::find(id);
+    if (!definition) {
+        throw ConfigurationError(ConfigurationError::Kind::editionRestricted);
+    }
+    const ProviderOverride entry = providerOverride(id).value_or(ProviderOverride{});
+    const QString baseURL = entry.baseURL.isEmpty() ? definition->defaultBaseURL : entry.baseURL;
+    const QString model = (entry.model.isEmpty() ? definition->defaultModel : entry.model).trimmed();
+
+    const QUrl url(baseURL, QUrl::StrictMode);
+    const QString scheme = url.scheme().toLower();
+    if (!url.isValid() || url.host().isEmpty() || !(scheme == u"https" || (scheme == u"http" && id == u"custom"))) {
+        throw ConfigurationError(ConfigurationError::Kind::invalidBaseURL);
+    }
+    if (model.isEmpty()) {
+        throw ConfigurationError(ConfigurationError::Kind::missingModel);
+    }
+    const QString key = apiKey.trimmed();
+    if (key.isEmpty()) {
+        throw ConfigurationError(ConfigurationError::Kind::missingAPIKey);
+    }
+    ResolvedProviderConfiguration configuration{*definition, baseURL, model, key};
+    AppEdition::validate(configuration);
+    return configuration;
+}
+
+std::optional<KnownGoodProvider> ConfigurationStore::lastKnownGoodProvider() const
+{
+    const QJsonDocument document =
+        QJsonDocument::fromJson(m_settings->value(QLatin1String(Keys::lastKnownGoodProvider)).toByteArray());
+    const QJsonObject root = document.object();
+    const QJsonValue id = root.value("providerID");
+    const QJsonValue base = root.value("baseURL");
+    const QJsonValue model = root.value("model");
+    if (!id.isString() || !base.isString() || !model.isString()) {
+        return std::nullopt;
+    }
+    return KnownGoodProvider{id.toString(), base.toString(), model.toString()};
+}
+
+void ConfigurationStore::setLastKnownGoodProvider(const std::optional<KnownGoodProvider>& record)
+{
+    if (!record) {
+        write(Keys::lastKnownGoodProvider, QVariant());
+        return;
+    }
+    const QJsonObject root{{"providerID", record->providerID}, {"baseURL", record->baseURL}, {"model", record->model}};
+    write(Keys::lastKnownGoodProvider, QJsonDocument(root).toJson(QJsonDocument::Compact));
+}
+
+void ConfigurationStore::adopt(const QVariantMap& values, QSettings& target)
+{
+    for (auto it = values.cbegin(); it != values.cend(); ++it) {
+        if (!target.contains(it.key())) {
+            target.setValue(it.key(), it.value());
+        }
+    }
+    target.sync();
+}
+
+} // namespace velnora

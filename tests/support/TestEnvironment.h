@@ -1,0 +1,55 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QTemporaryDir>
+
+#include <optional>
+#include <vector>
+
+namespace velnora::test {
+
+// Sets an environment variable for the life of the guard and puts the old value back afterwards.
+class EnvironmentGuard
+{
+public:
+    EnvironmentGuard() = default;
+    EnvironmentGuard(const EnvironmentGuard&) = delete;
+    EnvironmentGuard& operator=(const EnvironmentGuard&) = delete;
+    ~EnvironmentGuard();
+
+    void set(const char* name, const QByteArray& value);
+    void unset(const char* name);
+
+private:
+    struct Saved
+    {
+        QByteArray name;
+        std::optional<QByteArray> value;
+    };
+    void remember(const char* name);
+    std::vector<Saved> m_saved;
+};
+
+// A throwaway home: HOME, the XDG folders and the data folder all point inside it.
+class TemporaryHome
+{
+public:
+    TemporaryHome();
+
+    QString path() const { return m_directory.path(); }
+    QString filePath(const QString& relative) const { return m_directory.filePath(relative); }
+    QString configHome() const { return filePath(QStringLiteral(".config")); }
+    QString dataHome() const { return filePath(QStringLiteral(".local/share")); }
+
+private:
+    QTemporaryDir m_directory;
+    EnvironmentGuard m_environment;
+};
+
+// The velnora executable built with the tests.
+QString velnoraBinary();
+// The source tree (for test data).
+QString sourceDir();
+
+} // namespace velnora::test
