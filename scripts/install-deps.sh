@@ -14,6 +14,7 @@ build_packages=(
 session_packages=(
   xvfb xauth dbus dbus-x11 at-spi2-core gnome-keyring libsecret-tools
   xdotool xclip x11-utils imagemagick fonts-wqy-microhei
+  chromium nodejs
 )
 
 wanted=("${build_packages[@]}")
