@@ -1,0 +1,275 @@
+// Service worker: keeps the native port to the desktop app open and carries its requests to the
+// chat page of the chosen service.
+import { DEFAULT_PROVIDER, SITES } from './lib/sites.js';
+import { composeExplainMessage } from './lib/compose.js';
+import { isBelowMinimum } from './lib/version.js';
+
+const HOST_NAME = 'com.tarnwick.velnora.domestic';
+const RECONNECT_MS = 30_000;
+const RECONNECT_ALARM = 'velnora-reconnect';
+const PAGE_LOAD_TIMEOUT_MS = 30_000;
+const DELIVERY_TIMEOUT_MS = 60_000;
+const REMEMBERED_IDS = 100;
+const VERSION = chrome.runtime.getManifest().version;
+const REQUEST_TYPES = new Set(['EXPLAIN_TEXT', 'OPEN_WORKBENCH', 'NEW_SESSION', 'SET_BROWSER_PROVIDER']);
+
+let port = null;
+let reconnectTimer = null;
+let work = Promise.resolve();
+const inProgress = new Set();
+
+// --- connection -------------------------------------------------------------------------------
+
+function connect() {
+  if (port) {
+    return;
+  }
+  clearTimeout(reconnectTimer);
+  reconnectTimer = null;
+  let candidate;
+  try {
+    candidate = chrome.runtime.connectNative(HOST_NAME);
+  } catch (error) {
+    console.warn('澜镜：无法连接桌面应用', error);
+    scheduleReconnect();
+    return;
+  }
+  port = candidate;
+  candidate.onMessage.addListener((message) => onHostMessage(message));
+  candidate.onDisconnect.addListener(() => {
+    const reason = chrome.runtime.lastError?.message ?? '';
+    if (port === candidate) {
+      port = null;
+    }
+    console.info('澜镜：与桌面应用的连接已断开', reason);
+    showState('disconnected');
+    scheduleReconnect();
+  });
+  post({ type: 'EXTENSION_STATUS', extensionID: chrome.runtime.id, version: VERSION });
+}
+
+// The timer covers a worker that stays awake; the alarm wakes one that Chrome has suspended.
+function scheduleReconnect() {
+  if (!reconnectTimer) {
+    reconnectTimer = setTimeout(() => {
+      reconnectTimer = null;
+      connect();
+    }, RECONNECT_MS);
+  }
+}
+
+function post(message) {
+  if (!port) {
+    return false;
+  }
+  try {
+    port.postMessage(message);
+    return true;
+  } catch (error) {
+    return false;
+  }
+}
+
+function showState(state, detail = {}) {
+  const titles = {
+    connected: '澜镜 · 网页会话桥：已连接桌面应用',
+    disconnected: '澜镜 · 网页会话桥：未连接桌面应用，每半分钟自动重连一次',
+    outdated: `澜镜 · 网页会话桥：扩展版本 ${VERSION} 低于桌面应用要求的 ${detail.minimum}，请更新扩展`,
+  };
+  chrome.action.setTitle({ title: titles[state] }).catch(() => {});
+  chrome.action.setBadgeText({ text: state === 'outdated' ? '!' : state === 'disconnected' ? '…' : '' })
+    .catch(() => {});
+  if (state === 'outdated') {
+    chrome.action.setBadgeBackgroundColor({ color: '#d93025' }).catch(() => {});
+  }
+  chrome.storage.local.set({ bridgeState: { state, ...detail, at: Date.now() } }).catch(() => {});
+}
+
+// --- requests ---------------------------------------------------------------------------------
+
+function onHostMessage(message) {
+  if (!message || typeof message !== 'object') {
+    return;
+  }
+  if (message.type === 'HOST_READY') {
+    const minimum = message.minimumExtensionVersion;
+    if (isBelowMinimum(VERSION, minimum)) {
+      console.warn(`澜镜：扩展版本 ${VERSION} 低于桌面应用要求的 ${minimum}`);
+      showState('outdated', { minimum });
+    } else {
+      showState('connected');
+    }
+    return;
+  }
+  if (!REQUEST_TYPES.has(message.type) || typeof message.requestId !== 'string') {
+    return;
+  }
+  const id = message.requestId;
+  if (inProgress.has(id)) {
+    return;
+  }
+  inProgress.add(id);
+  // One request at a time: two explanations must not type into the same page at once.
+  work = work
+    .then(async () => {
+      if (await wasFinished(id)) {
+        return 'ack';
+      }
+      return withDeadline(carryOut(message), DELIVERY_TIMEOUT_MS).catch((error) => {
+        console.warn('澜镜：请求暂时无法完成，稍后重试', message.type, error?.message ?? error);
+        return 'nack';
+      });
+    })
+    .then(async (outcome) => {
+      if (outcome === 'ack') {
+        await rememberFinished(id);
+      }
+      post({ type: outcome === 'ack' ? 'ACK_REQUEST' : 'NACK_REQUEST', requestId: id });
+    })
+    .finally(() => inProgress.delete(id));
+}
+
+// A new host resends what it never saw answered; an ACK lost with the old port must not mean a
+// second submission.
+async function wasFinished(id) {
+  const { finishedIds = [] } = await chrome.storage.session.get('finishedIds');
+  return finishedIds.includes(id);
+}
+
+async function rememberFinished(id) {
+  const { finishedIds = [] } = await chrome.storage.session.get('finishedIds');
+  finishedIds.push(id);
+  await chrome.storage.session.set({ finishedIds: finishedIds.slice(-REMEMBERED_IDS) });
+}
+
+async function chosenProvider(requested) {
+  if (typeof requested === 'string' && Object.hasOwn(SITES, requested)) {
+    return requested;
+  }
+  const { browserProvider } = await chrome.storage.local.get('browserProvider');
+  return Object.hasOwn(SITES, browserProvider) ? browserProvider : DEFAULT_PROVIDER;
+}
+
+// 'ack' when done (or never doable: retrying would not help), 'nack' when it may work later.
+async function carryOut(message) {
+  if (message.type === 'SET_BROWSER_PROVIDER') {
+    if (Object.hasOwn(SITES, message.provider)) {
+      await chrome.storage.local.set({ browserProvider: message.provider });
+    }
+    return 'ack';
+  }
+  const site = SITES[await chosenProvider(message.provider)];
+  if (message.type === 'OPEN_WORKBENCH') {
+    await showSite(site);
+    return 'ack';
+  }
+  if (message.type === 'NEW_SESSION') {
+    await showSite(site, site.newChatUrl);
+    return 'ack';
+  }
+  const text = composeExplainMessage(message.text, message.depthInstruction);
+  if (text === null) {
+    return 'ack';
+  }
+  const tab = await showSite(site);
+  const status = await deliverInTab(tab.id, site, text);
+  console.info('澜镜：', site.title, status);
+  return status === 'busy' ? 'nack' : 'ack';
+}
+
+async function deliverInTab(tabId, site, text) {
+  await chrome.scripting.executeScript({ target: { tabId }, files: ['content/page-driver.js'] });
+  const [injection] = await chrome.scripting.executeScript({
+    target: { tabId },
+    func: (entry, message) => globalThis.VelnoraPageDriver.deliver(entry, message),
+    args: [site, text],
+  });
+  const status = injection?.result?.status;
+  if (typeof status !== 'string') {
+    throw new Error('页面没有返回结果');
+  }
+  return status;
+}
+
+// --- tabs -------------------------------------------------------------------------------------
+
+async function findSiteTab(site) {
+  const tabs = await chrome.tabs.query({});
+  return tabs.find((tab) => site.matches.some((prefix) => (tab.url || tab.pendingUrl || '').startsWith(prefix)));
+}
+
+async function focusWindow(windowId) {
+  await chrome.windows.update(windowId, { focused: true }).catch(() => {});
+}
+
+// Brings the site's tab forward (opening it when there is none, and a window when the browser
+// was started without one) and resolves once the page has loaded.
+async function showSite(site, navigateTo) {
+  const existing = await findSiteTab(site);
+  if (existing) {
+    const loaded = navigateTo ? tabLoaded(existing.id, { alreadyLoadedCounts: false }) : null;
+    const tab = await chrome.tabs.update(existing.id, navigateTo ? { active: true, url: navigateTo } : { active: true });
+    await focusWindow(tab.windowId);
+    return loaded ?? tabLoaded(tab.id, { alreadyLoadedCounts: true });
+  }
+  const url = navigateTo ?? site.url;
+  const windows = await chrome.windows.getAll({ windowTypes: ['normal'] });
+  let tab;
+  if (windows.length === 0) {
+    const created = await chrome.windows.create({ url, focused: true, type: 'normal' });
+    tab = created.tabs[0];
+  } else {
+    tab = await chrome.tabs.create({ url, active: true });
+    await focusWindow(tab.windowId);
+  }
+  return tabLoaded(tab.id, { alreadyLoadedCounts: true });
+}
+
+function tabLoaded(tabId, { alreadyLoadedCounts }) {
+  return new Promise((resolve, reject) => {
+    const finish = (outcome) => {
+      clearTimeout(timer);
+      chrome.tabs.onUpdated.removeListener(onUpdated);
+      chrome.tabs.onRemoved.removeListener(onRemoved);
+      outcome();
+    };
+    const onUpdated = (id, change, tab) => {
+      if (id === tabId && change.status === 'complete') {
+        finish(() => resolve(tab));
+      }
+    };
+    const onRemoved = (id) => {
+      if (id === tabId) {
+        finish(() => reject(new Error('标签页已关闭')));
+      }
+    };
+    const timer = setTimeout(() => finish(() => reject(new Error('网页加载超时'))), PAGE_LOAD_TIMEOUT_MS);
+    chrome.tabs.onUpdated.addListener(onUpdated);
+    chrome.tabs.onRemoved.addListener(onRemoved);
+    if (alreadyLoadedCounts) {
+      chrome.tabs.get(tabId).then(
+        (tab) => tab.status === 'complete' && finish(() => resolve(tab)),
+        () => finish(() => reject(new Error('标签页已关闭'))));
+    }
+  });
+}
+
+function withDeadline(promise, ms) {
+  let timer;
+  const deadline = new Promise((_, reject) => {
+    timer = setTimeout(() => reject(new Error('请求处理超时')), ms);
+  });
+  return Promise.race([promise, deadline]).finally(() => clearTimeout(timer));
+}
+
+// --- start ------------------------------------------------------------------------------------
+
+chrome.runtime.onStartup.addListener(connect);
+chrome.runtime.onInstalled.addListener(connect);
+chrome.alarms.onAlarm.addListener((alarm) => {
+  if (alarm.name === RECONNECT_ALARM) {
+    connect();
+  }
+});
+chrome.alarms.create(RECONNECT_ALARM, { periodInMinutes: RECONNECT_MS / 60_000 });
+connect();
