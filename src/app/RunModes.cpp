@@ -3,6 +3,7 @@
 #include "app/ApplicationMode.h"
 #include "app/KeychainRepairCommand.h"
 #include "app/ModeResult.h"
+#include "capture/AccessibilityCheck.h"
 #include "config/ConfigSelfChecks.h"
 
 namespace velnora::RunModes {
@@ -46,7 +47,7 @@ const std::vector<Row>& table()
         {14, "--render-overlay", Match::flagWithValue, {}},
         {15, "--settings-self-test", Match::flag, runSettingsSelfTest},
         {16, "--api-stream-self-test", Match::flagWithValue, {}},
-        {17, "--check-accessibility", Match::flag, {}},
+        {17, "--check-accessibility", Match::flag, AccessibilityCheck::run},
         {18, "--repair-keychain-access", Match::flag, KeychainRepairCommand::run},
         {19, "--native-host-installer-self-test", Match::flag, {}},
         {20, "--bridge-diagnostics-self-test", Match::flag, {}},

@@ -122,6 +122,19 @@ void ConfigurationStore::setDidShowVersion2Setup(bool shown)
     write(Keys::didShowVersion2Setup, shown);
 }
 
+std::optional<QString> ConfigurationStore::globalHotKeyID() const
+{
+    if (!m_settings->contains(QLatin1String(Keys::globalHotKey))) {
+        return std::nullopt;
+    }
+    return readString(Keys::globalHotKey);
+}
+
+void ConfigurationStore::setGlobalHotKeyID(const QString& id)
+{
+    write(Keys::globalHotKey, id);
+}
+
 QMap<QString, ProviderOverride> ConfigurationStore::providerOverrides() const
 {
     QMap<QString, ProviderOverride> overrides;

@@ -48,6 +48,7 @@ public:
         static constexpr const char* providerOverrides = "providerOverridesV2";
         static constexpr const char* lastKnownGoodProvider = "lastKnownGoodProviderV1";
         static constexpr const char* didShowVersion2Setup = "didShowVersion2Setup";
+        static constexpr const char* globalHotKey = "globalHotKey";
     };
 
     // The user's settings file: $XDG_CONFIG_HOME/tarnwick/velnora-domestic.conf.
@@ -70,6 +71,9 @@ public:
     void setSystemPrompt(const QString& prompt);
     bool didShowVersion2Setup() const;
     void setDidShowVersion2Setup(bool shown);
+    // The id of the chosen hot-key combination; absent when never chosen.
+    std::optional<QString> globalHotKeyID() const;
+    void setGlobalHotKeyID(const QString& id);
 
     QMap<QString, ProviderOverride> providerOverrides() const;
     std::optional<ProviderOverride> providerOverride(const QString& id) const;

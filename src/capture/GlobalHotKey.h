@@ -1,0 +1,34 @@
+#pragma once
+
+#include "capture/HotKeyBackend.h"
+#include "capture/HotKeyChoice.h"
+
+#include <QObject>
+
+#include <functional>
+#include <memory>
+
+namespace velnora {
+
+// The system-wide key that starts an explanation. Holds one combination at a time; a press runs the
+// action later on the main thread, never inside event delivery.
+class GlobalHotKey : public QObject
+{
+    Q_OBJECT
+public:
+    explicit GlobalHotKey(QObject* parent = nullptr);
+    explicit GlobalHotKey(std::unique_ptr<HotKeyBackend> backend, QObject* parent = nullptr);
+    ~GlobalHotKey() override;
+
+    // Drops the previous combination first, so a failure leaves none. False when the combination is
+    // taken by another application or no hot key can be grabbed in this session.
+    bool registerChoice(const HotKeyChoice& choice, std::function<void()> action);
+
+private:
+    void pressed();
+
+    std::unique_ptr<HotKeyBackend> m_backend;
+    std::function<void()> m_action;
+};
+
+} // namespace velnora

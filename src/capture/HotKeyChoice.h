@@ -1,0 +1,27 @@
+#pragma once
+
+#include <QString>
+
+#include <optional>
+#include <vector>
+
+namespace velnora {
+
+// One of the three combinations the user may pick. The ids keep their historical names; the keys follow
+// Qt's convention (⌘ is Ctrl, ⌥ is Alt, ⌃ is Super).
+struct HotKeyChoice
+{
+    QString id;
+    QString title;
+    Qt::KeyboardModifiers modifiers;
+    Qt::Key key = Qt::Key_E;
+
+    // In menu order; the first is the default.
+    static const std::vector<HotKeyChoice>& all();
+    // The entry with exactly this id, else the default.
+    static const HotKeyChoice& choice(const std::optional<QString>& id);
+
+    friend bool operator==(const HotKeyChoice&, const HotKeyChoice&) = default;
+};
+
+} // namespace velnora

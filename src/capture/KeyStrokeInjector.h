@@ -1,0 +1,16 @@
+#pragma once
+
+namespace velnora {
+
+// Synthetic keyboard input into whatever window has the focus.
+class KeyStrokeInjector
+{
+public:
+    virtual ~KeyStrokeInjector() = default;
+    // True while Shift, Ctrl, Alt or Super is held.
+    virtual bool modifiersHeld() = 0;
+    // Ctrl+C, or Ctrl+Shift+C when the focused window is a terminal. False when nothing could be sent.
+    virtual bool postCopyShortcut() = 0;
+};
+
+} // namespace velnora
