@@ -5,6 +5,7 @@
 #include "app/ModeResult.h"
 #include "capture/AccessibilityCheck.h"
 #include "config/ConfigSelfChecks.h"
+#include "overlay/OverlayRunModes.h"
 
 namespace velnora::RunModes {
 
@@ -41,10 +42,10 @@ const std::vector<Row>& table()
         {8, "--send-settings", Match::flag, {}},
         {9, "--send-translation-self-test", Match::flag, {}},
         {10, "--self-test", Match::flag, {}},
-        {11, "--markdown-self-test", Match::flag, {}},
-        {12, "--overlay-self-test", Match::flag, {}},
-        {13, "--render-pill", Match::flagWithValue, {}},
-        {14, "--render-overlay", Match::flagWithValue, {}},
+        {11, "--markdown-self-test", Match::flag, OverlayRunModes::runMarkdownSelfTest},
+        {12, "--overlay-self-test", Match::flag, OverlayRunModes::runOverlaySelfTest},
+        {13, "--render-pill", Match::flagWithValue, OverlayRunModes::runRenderPill},
+        {14, "--render-overlay", Match::flagWithValue, OverlayRunModes::runRenderOverlay},
         {15, "--settings-self-test", Match::flag, runSettingsSelfTest},
         {16, "--api-stream-self-test", Match::flagWithValue, {}},
         {17, "--check-accessibility", Match::flag, AccessibilityCheck::run},

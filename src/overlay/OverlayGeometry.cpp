@@ -1,0 +1,78 @@
+#include "overlay/OverlayGeometry.h"
+
+#include <algorithm>
+
+namespace velnora::OverlayGeometry {
+
+std::optional<ScreenArea> screenFor(const QRect& rect, const QList<ScreenArea>& screens)
+{
+    for (const ScreenArea& screen : screens) {
+        if (screen.frame.intersects(rect)) {
+            return screen;
+        }
+    }
+    if (screens.isEmpty()) {
+        return std::nullopt;
+    }
+    return screens.front();
+}
+
+QPoint panelOrigin(const QSize& size, const std::optional<QRect>& anchor, const QPoint& mouse,
+                   const QList<ScreenArea>& screens)
+{
+    const QRect target = anchor && anchor->isValid() ? *anchor : QRect(mouse, QSize(1, 1));
+    const std::optional<ScreenArea> screen = screenFor(target, screens);
+    if (!screen) {
+        return target.bottomLeft() + QPoint(0, anchorGap);
+    }
+    // Exclusive edges: QRect::bottom() and right() are one pixel short of the far edge.
+    const QRect& visible = screen->visibleFrame;
+    const int visibleRight = visible.x() + visible.width();
+    const int visibleBottom = visible.y() + visible.height();
+    const int anchorBottom = target.y() + target.height();
+
+    int y = anchorBottom + anchorGap;
+    if (y + size.height() > visibleBottom) {
+        y = target.y() - size.height() - anchorGap;
+    }
+    int x = target.x() + target.width() / 2 - size.width() / 2;
+    x = std::max(x, visible.x() + edgeMargin);
+    x = std::min(x, visibleRight - size.width() - edgeMargin);
+    y = std::min(y, visibleBottom - size.height() - edgeMargin);
+    y = std::max(y, visible.y() + edgeMargin);
+    return {x, y};
+}
+
+bool isMenuBarClick(const QPoint& point, const QList<ScreenArea>& screens)
+{
+    for (const ScreenArea& screen : screens) {
+        if (!screen.frame.contains(point)) {
+            continue;
+        }
+        const int topBand = screen.visibleFrame.y() - screen.frame.y();
+        const int frameBottom = screen.frame.y() + screen.frame.height();
+        const int bottomBand = frameBottom - (screen.visibleFrame.y() + screen.visibleFrame.height());
+        if (topBand > 0 && point.y() < screen.frame.y() + topBand) {
+            return true;
+        }
+        return bottomBand > 0 && point.y() >= frameBottom - bottomBand;
+    }
+    return false;
+}
+
+QPoint defaultPillOrigin(const QSize& size, const QRect& visibleFrame)
+{
+    return {visibleFrame.x() + visibleFrame.width() - size.width() - pillEdgeGap,
+            visibleFrame.y() + visibleFrame.height() / 2 - size.height() / 2};
+}
+
+QPoint pillOrigin(const QPoint& desired, const QSize& size, const QRect& visibleFrame)
+{
+    const int minX = visibleFrame.x() + edgeMargin;
+    const int maxX = std::max(minX, visibleFrame.x() + visibleFrame.width() - size.width() - edgeMargin);
+    const int minY = visibleFrame.y() + edgeMargin;
+    const int maxY = std::max(minY, visibleFrame.y() + visibleFrame.height() - size.height() - edgeMargin);
+    return {std::clamp(desired.x(), minX, maxX), std::clamp(desired.y(), minY, maxY)};
+}
+
+} // namespace velnora::OverlayGeometry

@@ -1,0 +1,167 @@
+#include "overlay/OverlayStyle.h"
+
+#include <QFontDatabase>
+#include <QFontInfo>
+#include <QGuiApplication>
+
+namespace velnora {
+
+namespace {
+
+QColor withAlpha(QColor colour, qreal alpha)
+{
+    colour.setAlphaF(alpha);
+    return colour;
+}
+
+// Fallbacks after the system family: Simplified Chinese first, so that shared Han code points do not
+// come out in their Japanese shapes.
+const QStringList& cjkFamilies()
+{
+    static const QStringList families{QStringLiteral("Noto Sans CJK SC"), QStringLiteral("Source Han Sans SC"),
+                                      QStringLiteral("WenQuanYi Micro Hei"), QStringLiteral("Droid Sans Fallback")};
+    return families;
+}
+
+} // namespace
+
+SemanticColors SemanticColors::from(const QPalette& palette)
+{
+    SemanticColors colours;
+    colours.dark = OverlayStyle::isDark(palette);
+    const QColor text = palette.color(QPalette::Active, QPalette::WindowText);
+    colours.label = withAlpha(text, 0.88);
+    colours.secondaryLabel = withAlpha(text, 0.62);
+    colours.tertiaryLabel = withAlpha(text, 0.40);
+    colours.separator = withAlpha(text, colours.dark ? 0.18 : 0.14);
+    if (colours.dark) {
+        colours.background = QColor(0x26, 0x27, 0x2b);
+        colours.controlBackground = QColor(0x1d, 0x1e, 0x22);
+        colours.inlineCodeBackground = QColor::fromRgbF(1, 1, 1, 0.14);
+        colours.blue = QColor(0x0a, 0x84, 0xff);
+        colours.green = QColor(0x30, 0xd1, 0x58);
+        colours.orange = QColor(0xff, 0x9f, 0x0a);
+        colours.red = QColor(0xff, 0x45, 0x3a);
+    } else {
+        colours.background = QColor(0xfb, 0xfb, 0xfc);
+        colours.controlBackground = QColor(0xf0, 0xf1, 0xf4);
+        colours.inlineCodeBackground = QColor::fromRgbF(0, 0, 0, 0.08);
+        colours.blue = QColor(0x00, 0x7a, 0xff);
+        colours.green = QColor(0x28, 0xa7, 0x45);
+        colours.orange = QColor(0xf0, 0x8c, 0x00);
+        colours.red = QColor(0xe5, 0x39, 0x35);
+    }
+    // The theme's highlight is the accent; a grey one (some themes) would make links unreadable.
+    const QColor highlight = palette.color(QPalette::Active, QPalette::Highlight);
+    colours.accent = highlight.hsvSaturationF() > 0.25 ? highlight : colours.blue;
+    const QColor link = palette.color(QPalette::Active, QPalette::Link);
+    const bool linkReadable = link.hsvSaturationF() > 0.25 && (colours.dark ? link.lightnessF() > 0.45 : link.lightnessF() < 0.6);
+    colours.link = linkReadable ? link : (colours.dark ? QColor(0x4d, 0xa3, 0xff) : QColor(0x00, 0x66, 0xd6));
+    return colours;
+}
+
+SemanticColors SemanticColors::current()
+{
+    return from(QGuiApplication::palette());
+}
+
+namespace OverlayStyle {
+
+bool isDark(const QPalette& palette)
+{
+    return palette.color(QPalette::Window).lightnessF() < palette.color(QPalette::WindowText).lightnessF();
+}
+
+QPalette lightPalette()
+{
+    QPalette palette;
+    palette.setColor(QPalette::Window, QColor(0xf6, 0xf6, 0xf7));
+    palette.setColor(QPalette::WindowText, QColor(0x1d, 0x1d, 0x1f));
+    palette.setColor(QPalette::Base, QColor(0xff, 0xff, 0xff));
+    palette.setColor(QPalette::AlternateBase, QColor(0xf0, 0xf1, 0xf4));
+    palette.setColor(QPalette::Text, QColor(0x1d, 0x1d, 0x1f));
+    palette.setColor(QPalette::Button, QColor(0xf0, 0xf1, 0xf4));
+    palette.setColor(QPalette::ButtonText, QColor(0x1d, 0x1d, 0x1f));
+    palette.setColor(QPalette::PlaceholderText, QColor(0x1d, 0x1d, 0x1f, 0x70));
+    palette.setColor(QPalette::Highlight, QColor(0x00, 0x7a, 0xff));
+    palette.setColor(QPalette::HighlightedText, Qt::white);
+    palette.setColor(QPalette::Link, QColor(0x00, 0x66, 0xd6));
+    palette.setColor(QPalette::ToolTipBase, QColor(0xff, 0xff, 0xff));
+    palette.setColor(QPalette::ToolTipText, QColor(0x1d, 0x1d, 0x1f));
+    return palette;
+}
+
+QPalette darkPalette()
+{
+    QPalette palette;
+    palette.setColor(QPalette::Window, QColor(0x2a, 0x2b, 0x2f));
+    palette.setColor(QPalette::WindowText, QColor(0xf2, 0xf2, 0xf4));
+    palette.setColor(QPalette::Base, QColor(0x1d, 0x1e, 0x22));
+    palette.setColor(QPalette::AlternateBase, QColor(0x26, 0x27, 0x2b));
+    palette.setColor(QPalette::Text, QColor(0xf2, 0xf2, 0xf4));
+    palette.setColor(QPalette::Button, QColor(0x3a, 0x3b, 0x40));
+    palette.setColor(QPalette::ButtonText, QColor(0xf2, 0xf2, 0xf4));
+    palette.setColor(QPalette::PlaceholderText, QColor(0xf2, 0xf2, 0xf4, 0x70));
+    palette.setColor(QPalette::Highlight, QColor(0x0a, 0x84, 0xff));
+    palette.setColor(QPalette::HighlightedText, Qt::white);
+    palette.setColor(QPalette::Link, QColor(0x4d, 0xa3, 0xff));
+    palette.setColor(QPalette::ToolTipBase, QColor(0x3a, 0x3b, 0x40));
+    palette.setColor(QPalette::ToolTipText, QColor(0xf2, 0xf2, 0xf4));
+    return palette;
+}
+
+qreal pointsForPixels(qreal pixels)
+{
+    return pixels * 72.0 / 96.0;
+}
+
+QStringList uiFamilies()
+{
+    static const QStringList families = [] {
+        QStringList list{QFontDatabase::systemFont(QFontDatabase::GeneralFont).family()};
+        list += cjkFamilies();
+        return list;
+    }();
+    return families;
+}
+
+QStringList monoFamilies()
+{
+    static const QStringList families = [] {
+        // Some platform themes report a proportional family as the fixed font; only a checked one leads.
+        QStringList list;
+        const QFont system = QFontDatabase::systemFont(QFontDatabase::FixedFont);
+        if (QFontInfo(system).fixedPitch()) {
+            list << QFontInfo(system).family();
+        }
+        list << QStringLiteral("DejaVu Sans Mono") << QStringLiteral("Noto Sans Mono") << QStringLiteral("Liberation Mono")
+             << QStringLiteral("monospace") << QStringLiteral("Noto Sans Mono CJK SC")
+             << QStringLiteral("WenQuanYi Micro Hei Mono");
+        list += cjkFamilies();
+        list.removeDuplicates();
+        return list;
+    }();
+    return families;
+}
+
+QFont uiFont(qreal size, QFont::Weight weight)
+{
+    QFont font;
+    font.setFamilies(uiFamilies());
+    font.setPointSizeF(pointsForPixels(size));
+    font.setWeight(weight);
+    return font;
+}
+
+QFont monoFont(qreal size)
+{
+    QFont font;
+    font.setFamilies(monoFamilies());
+    font.setStyleHint(QFont::Monospace);
+    font.setFixedPitch(true);
+    font.setPointSizeF(pointsForPixels(size));
+    return font;
+}
+
+} // namespace OverlayStyle
+} // namespace velnora
