@@ -172,7 +172,15 @@ async function carryOut(message) {
     return 'ack';
   }
   const tab = await showSite(site);
-  const status = await deliverInTab(tab.id, site, text);
+  let status;
+  try {
+    status = await deliverInTab(tab.id, site, text);
+  } catch (error) {
+    // Typically the browser's error page after a failed load: reload now so the retry finds
+    // the real page in the tab we reuse.
+    chrome.tabs.reload(tab.id).catch(() => {});
+    throw error;
+  }
   console.info('澜镜：', site.title, status);
   return status === 'busy' ? 'nack' : 'ack';
 }
