@@ -270,7 +270,7 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
     assert.ok(standIns.state.pageLoads.some((load) => load.provider === 'kimi'), 'the Kimi page was never opened');
   });
 
-  test('the host records the extension status and --bridge-status reports connected', async () => {
+  test('the host records the extension status; --bridge-status and the repair see the connection', async () => {
     const statusPath = join(dataDir, 'extension-status.json');
     await waitUntil(() => existsSync(statusPath), 10_000, 'extension-status.json');
     const status = JSON.parse(readFileSync(statusPath, 'utf8'));
@@ -281,6 +281,10 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
     const result = await bridgeStatus();
     assert.equal(result.code, 0, result.stdout + result.stderr);
     assert.equal(result.stdout.split('\n')[0], '● Chrome 已连接');
+
+    const repair = await run(VELNORA, ['--browser-repair-self-test'], { ...env, PATH: join(root, 'empty-bin') }, 30_000);
+    assert.equal(repair.code, 0, repair.stdout + repair.stderr);
+    assert.equal(repair.stdout.trim(), 'browser-repair-self-test: ok');
   });
 
   test('an explanation for each of the seven sites is typed, submitted and leaves the queue', async () => {
