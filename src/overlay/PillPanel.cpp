@@ -25,7 +25,7 @@ constexpr int chromeWidth = leftPadding + markSize + gap + gap + 8;
 
 void paintMark(QPainter& painter, const QRectF& box)
 {
-    // A lens over a wave: the product's mark.
+    // Two ripples across a round mirror: the product's mark.
     QLinearGradient gradient(box.topLeft(), box.bottomRight());
     gradient.setColorAt(0, QColor(0x3d, 0xd6, 0xd0));
     gradient.setColorAt(1, QColor(0x2f, 0x6b, 0xff));
@@ -34,15 +34,15 @@ void paintMark(QPainter& painter, const QRectF& box)
     painter.drawEllipse(box);
 
     const qreal s = box.width();
-    QPainterPath wave;
-    wave.moveTo(box.left() + s * 0.2, box.top() + s * 0.62);
-    wave.cubicTo(box.left() + s * 0.35, box.top() + s * 0.46, box.left() + s * 0.5, box.top() + s * 0.78,
-                 box.left() + s * 0.8, box.top() + s * 0.58);
-    painter.setPen(QPen(Qt::white, s * 0.09, Qt::SolidLine, Qt::RoundCap));
     painter.setBrush(Qt::NoBrush);
-    painter.drawPath(wave);
-    painter.setPen(QPen(QColor(255, 255, 255, 230), s * 0.08));
-    painter.drawEllipse(QRectF(box.left() + s * 0.36, box.top() + s * 0.2, s * 0.28, s * 0.28));
+    for (const auto& [y, alpha] : {std::pair{0.42, 255}, std::pair{0.62, 190}}) {
+        QPainterPath wave;
+        wave.moveTo(box.left() + s * 0.22, box.top() + s * y);
+        wave.cubicTo(box.left() + s * 0.38, box.top() + s * (y - 0.12), box.left() + s * 0.5,
+                     box.top() + s * (y + 0.12), box.left() + s * 0.78, box.top() + s * (y - 0.02));
+        painter.setPen(QPen(QColor(255, 255, 255, alpha), s * 0.085, Qt::SolidLine, Qt::RoundCap));
+        painter.drawPath(wave);
+    }
 }
 
 } // namespace
