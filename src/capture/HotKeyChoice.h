@@ -7,8 +7,8 @@
 
 namespace velnora {
 
-// One of the three combinations the user may pick. The ids keep their historical names; the keys follow
-// Qt's convention (⌘ is Ctrl, ⌥ is Alt, ⌃ is Super).
+// One of the three combinations the user may pick. The ids are what settings store and never change;
+// "command" stands for Ctrl, "option" for Alt and "control" for Super.
 struct HotKeyChoice
 {
     QString id;
