@@ -1,6 +1,7 @@
 #include "app/RunModes.h"
 
 #include "app/ApplicationMode.h"
+#include "app/BridgeCommands.h"
 #include "app/KeychainRepairCommand.h"
 #include "app/ModeResult.h"
 #include "capture/AccessibilityCheck.h"
@@ -21,19 +22,13 @@ int runSettingsSelfTest(const ProcessArguments&)
     return ModeResult::report(QStringLiteral("settings-self-test"), ConfigSelfChecks::settingsFailure());
 }
 
-int runNativeHost(const ProcessArguments&)
-{
-    // Nothing to carry yet: end at once, which Chrome reads as a closed port.
-    return 0;
-}
-
 } // namespace
 
 const std::vector<Row>& table()
 {
     static const std::vector<Row> rows{
-        {1, "--browser-repair-self-test", Match::flag, {}},
-        {2, "--browser-wake-self-test", Match::flag, {}},
+        {1, "--browser-repair-self-test", Match::flag, BridgeCommands::runBrowserRepairSelfTest},
+        {2, "--browser-wake-self-test", Match::flag, BridgeCommands::runBrowserWakeSelfTest},
         {3, "--update-self-test", Match::flag, {}},
         {4, "--updates-preview", Match::flag, {}},
         {5, "--edition-self-test", Match::flag, runEditionSelfTest},
@@ -50,10 +45,10 @@ const std::vector<Row>& table()
         {16, "--api-stream-self-test", Match::flagWithValue, {}},
         {17, "--check-accessibility", Match::flag, AccessibilityCheck::run},
         {18, "--repair-keychain-access", Match::flag, KeychainRepairCommand::run},
-        {19, "--native-host-installer-self-test", Match::flag, {}},
-        {20, "--bridge-diagnostics-self-test", Match::flag, {}},
-        {21, "--bridge-status", Match::flag, {}},
-        {22, "", Match::nativeMessaging, runNativeHost},
+        {19, "--native-host-installer-self-test", Match::flag, BridgeCommands::runInstallerSelfTest},
+        {20, "--bridge-diagnostics-self-test", Match::flag, BridgeCommands::runDiagnosticsSelfTest},
+        {21, "--bridge-status", Match::flag, BridgeCommands::runBridgeStatus},
+        {22, "", Match::nativeMessaging, BridgeCommands::runNativeHost},
         {23, "", Match::always, ApplicationMode::run},
     };
     return rows;

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "bridge/ChromeExtensionInstall.h"
+
+#include <QString>
+
+namespace velnora {
+
+// The one reason the browser bridge works or does not, with its menu line and its advice.
+struct BridgeDiagnosis
+{
+    enum class Kind {
+        manifestPathBroken,
+        manifestOriginMismatch,
+        extensionSilent,
+        connected,
+        manifestMissing,
+        chromeNotRunning
+    };
+
+    Kind kind = Kind::manifestMissing;
+    QString path;                   // manifestPathBroken: where the manifest points
+    ChromeExtensionInstall install; // extensionSilent: what the profile files say
+
+    static BridgeDiagnosis manifestPathBroken(QString path)
+    {
+        return {Kind::manifestPathBroken, std::move(path), {}};
+    }
+    static BridgeDiagnosis manifestOriginMismatch() { return {Kind::manifestOriginMismatch, {}, {}}; }
+    static BridgeDiagnosis extensionSilent(ChromeExtensionInstall install)
+    {
+        return {Kind::extensionSilent, {}, std::move(install)};
+    }
+    static BridgeDiagnosis connected() { return {Kind::connected, {}, {}}; }
+    static BridgeDiagnosis manifestMissing() { return {Kind::manifestMissing, {}, {}}; }
+    static BridgeDiagnosis chromeNotRunning() { return {Kind::chromeNotRunning, {}, {}}; }
+
+    QString statusText() const;
+    QString advice() const;
+    // The extension itself is missing or of the wrong edition: pointing at the bundled folder helps.
+    bool concernsExtensionInstall() const;
+
+    friend bool operator==(const BridgeDiagnosis&, const BridgeDiagnosis&) = default;
+};
+
+} // namespace velnora

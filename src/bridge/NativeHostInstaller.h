@@ -1,0 +1,53 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QUrl>
+#include <optional>
+
+// Writes the manifest by which a Chromium-family browser finds and admits our native-messaging host.
+namespace velnora::NativeHostInstaller {
+
+inline constexpr const char* hostName = "com.tarnwick.velnora.domestic";
+inline constexpr const char* manifestFileName = "com.tarnwick.velnora.domestic.json";
+inline constexpr const char* legacyManifestFileName = "com.tarnwick.brinkwell.json";
+inline constexpr const char* description = "澜镜 macOS 与 Chrome 会话桥";
+inline constexpr const char* minimumExtensionVersion = "2.11.1";
+
+struct Manifest
+{
+    QString name;
+    QString description;
+    QString path;
+    QString type;
+    QStringList allowedOrigins;
+
+    // Pretty printed, keys sorted, slashes not escaped.
+    QByteArray encode() const;
+    // nullopt unless every field is present with its type.
+    static std::optional<Manifest> decode(const QByteArray& bytes);
+
+    friend bool operator==(const Manifest&, const Manifest&) = default;
+};
+
+// The manifest for this build's host at that executable path.
+Manifest manifestFor(const QString& executablePath);
+
+// The diagnosis's folder: Google Chrome's (or Chromium's when only it is present) NativeMessagingHosts.
+QString hostDirectoryURL();
+
+// The running executable (resolved through /proc/self/exe).
+QString currentExecutablePath();
+
+// Writes host folder + manifestFileName unless its bytes are already the same; mode 0644. The executable
+// must be a file URL (else ENOENT). Throws FileSystemError. Returns the manifest's path.
+QString install(std::optional<QString> hostDirectory = std::nullopt,
+                std::optional<QUrl> executableURL = std::nullopt);
+
+// Installs into Google Chrome's folder always, and into every other known browser's folder when that
+// browser's data folder exists. Returns the manifests written or already current; throws the first
+// failure only when not even Chrome's folder could be written.
+QStringList installForAllBrowsers(std::optional<QUrl> executableURL = std::nullopt);
+
+} // namespace velnora::NativeHostInstaller
