@@ -56,7 +56,9 @@ TemporaryHome::TemporaryHome()
 
 QString velnoraBinary()
 {
-    return qEnvironmentVariable("VELNORA_BINARY");
+    // ctest keeps only the first ENVIRONMENT entry of discovered tests, so the build's path backs it up.
+    const QString fromEnvironment = qEnvironmentVariable("VELNORA_BINARY");
+    return fromEnvironment.isEmpty() ? QStringLiteral(VELNORA_TEST_BINARY) : fromEnvironment;
 }
 
 QString sourceDir()
