@@ -4,6 +4,7 @@
 #include "app/BridgeCommands.h"
 #include "app/KeychainRepairCommand.h"
 #include "app/ModeResult.h"
+#include "app/UpdateRunModes.h"
 #include "capture/AccessibilityCheck.h"
 #include "config/ConfigSelfChecks.h"
 #include "overlay/OverlayRunModes.h"
@@ -29,8 +30,8 @@ const std::vector<Row>& table()
     static const std::vector<Row> rows{
         {1, "--browser-repair-self-test", Match::flag, BridgeCommands::runBrowserRepairSelfTest},
         {2, "--browser-wake-self-test", Match::flag, BridgeCommands::runBrowserWakeSelfTest},
-        {3, "--update-self-test", Match::flag, {}},
-        {4, "--updates-preview", Match::flag, {}},
+        {3, "--update-self-test", Match::flag, UpdateRunModes::runUpdateSelfTest},
+        {4, "--updates-preview", Match::flag, UpdateRunModes::runUpdatesPreview},
         {5, "--edition-self-test", Match::flag, runEditionSelfTest},
         {6, "--send-preview", Match::flag, {}},
         {7, "--send-pill-preview", Match::flag, {}},

@@ -1,5 +1,6 @@
 #include "updates/ProductUpdates.h"
 
+#include "bridge/RequestStore.h"
 #include "config/ProviderCatalog.h"
 
 #include <QDateTime>
@@ -9,7 +10,6 @@
 #include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
-#include <QStandardPaths>
 #include <QTimer>
 
 namespace velnora {
@@ -23,18 +23,8 @@ constexpr qint64 statusFileLimit = 64 * 1024;
 
 QString defaultExtensionStatusPath()
 {
-    QString folder;
-    for (const char* name : {"VELNORA_DATA_DIR", "BRINKWELL_DATA_DIR"}) {
-        folder = qEnvironmentVariable(name);
-        if (!folder.isEmpty()) {
-            break;
-        }
-    }
-    if (folder.isEmpty()) {
-        folder = QDir(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation))
-                     .filePath(QStringLiteral("VelNoraDomestic"));
-    }
-    return QDir(folder).filePath(QStringLiteral("extension-status.json"));
+    const QString folder = RequestStore::dataDirectoryOverride().value_or(RequestStore::defaultDirectory());
+    return QDir(folder).filePath(QString::fromLatin1(RequestStore::extensionStatusFileName));
 }
 
 double currentSeconds()
