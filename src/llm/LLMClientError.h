@@ -24,7 +24,10 @@ public:
     QString description() const;
     const char* what() const noexcept override { return "LLMClientError"; }
 
-    friend bool operator==(const LLMClientError&, const LLMClientError&) = default;
+    friend bool operator==(const LLMClientError& a, const LLMClientError& b)
+    {
+        return a.m_kind == b.m_kind && a.m_status == b.m_status && a.m_message == b.m_message;
+    }
 
 private:
     LLMClientError(Kind kind, int status, QString message) : m_kind(kind), m_status(status), m_message(std::move(message)) {}

@@ -56,14 +56,14 @@ TemporaryHome::TemporaryHome()
 
 QString velnoraBinary()
 {
-    // ctest keeps only the first ENVIRONMENT entry of discovered tests, so the build's path backs it up.
     const QString fromEnvironment = qEnvironmentVariable("VELNORA_BINARY");
     return fromEnvironment.isEmpty() ? QStringLiteral(VELNORA_TEST_BINARY) : fromEnvironment;
 }
 
 QString sourceDir()
 {
-    return qEnvironmentVariable("VELNORA_SOURCE_DIR");
+    const QString fromEnvironment = qEnvironmentVariable("VELNORA_SOURCE_DIR");
+    return fromEnvironment.isEmpty() ? QStringLiteral(VELNORA_TEST_SOURCE_DIR) : fromEnvironment;
 }
 
 } // namespace velnora::test

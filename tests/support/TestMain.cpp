@@ -12,6 +12,9 @@ using TestApplication = QCoreApplication;
 
 int main(int argc, char** argv)
 {
+#ifdef VELNORA_TEST_OFFSCREEN
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+#endif
     // Every test binary lives in a throwaway home, so nothing reaches the developer's settings.
     velnora::test::TemporaryHome home;
     TestApplication application(argc, argv);
