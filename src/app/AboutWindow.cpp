@@ -81,7 +81,8 @@ AboutWindow::AboutWindow(ProductUpdates* updates, QWidget* parent)
     nameFont.setPointSizeF(nameFont.pointSizeF() * 1.6);
     nameFont.setBold(true);
     name->setFont(nameFont);
-    auto* version = new QLabel(QStringLiteral("版本 %1（构建 %2）").arg(ProductRelease::version(), ProductRelease::build()), this);
+    auto* version = new QLabel(
+        QStringLiteral("版本 %1（构建 %2）").arg(ProductRelease::version(), ProductRelease::build()), this);
     version->setTextInteractionFlags(Qt::TextSelectableByMouse);
     auto* tagline = new QLabel(QStringLiteral("选中文字，一键用通俗的简体中文讲清楚。"), this);
     tagline->setForegroundRole(QPalette::PlaceholderText);
@@ -111,9 +112,10 @@ AboutWindow::AboutWindow(ProductUpdates* updates, QWidget* parent)
     extensionButtons->addWidget(m_checkExtension);
 
     const QString site = updates->website().host();
-    auto* website = new QLabel(QStringLiteral("官网：<a href=\"%1\">%2</a>")
-                                   .arg(updates->website().toString(QUrl::FullyEncoded), site.toHtmlEscaped()),
-                               this);
+    auto* website =
+        new QLabel(QStringLiteral("官网：<a href=\"%1\">%2</a>")
+                       .arg(updates->website().toString(QUrl::FullyEncoded), site.toHtmlEscaped()),
+                   this);
     website->setOpenExternalLinks(true);
     auto* close = new QPushButton(QStringLiteral("关闭"), this);
     auto* footer = new QHBoxLayout;

@@ -116,7 +116,8 @@ Manifest decode(const QByteArray& data)
         refuse(QStringLiteral("版本类型不符：") + manifest.edition);
     }
     if (manifest.chrome.extensionID != ExplainerConstants::extensionIdentifier()) {
-        refuse(QStringLiteral("扩展 ID 不符：") + manifest.chrome.extensionID.value_or(QStringLiteral("（缺失）")));
+        refuse(QStringLiteral("扩展 ID 不符：") +
+               manifest.chrome.extensionID.value_or(QStringLiteral("（缺失）")));
     }
     if (!isAllowedDownloadPath(manifest.macos.url)) {
         refuse(QStringLiteral("macos 下载地址不被接受：") + manifest.macos.url);

@@ -3,7 +3,6 @@
 #include <QByteArray>
 #include <QString>
 #include <QUrl>
-
 #include <exception>
 #include <optional>
 
@@ -67,7 +66,10 @@ Manifest decode(const QByteArray& data);
 bool isAllowedDownloadPath(const QString& path);
 // Compares two version strings with digit runs taken as numbers: <0, 0 or >0.
 int compareVersions(const QString& a, const QString& b);
-inline bool isNewer(const QString& candidate, const QString& than) { return compareVersions(candidate, than) > 0; }
+inline bool isNewer(const QString& candidate, const QString& than)
+{
+    return compareVersions(candidate, than) > 0;
+}
 
 } // namespace ProductRelease
 } // namespace velnora

@@ -41,13 +41,13 @@ ReleaseError badResponse(const QString& detail)
 
 QString ProductUpdates::initialApplicationStatus()
 {
-    return QStringLiteral("当前版本 ") + ProductRelease::version() + QStringLiteral("。点击检查更新，核实是否有新版本。");
+    return QStringLiteral("当前版本 ") + ProductRelease::version() +
+           QStringLiteral("。点击检查更新，核实是否有新版本。");
 }
 
 ProductUpdates::ProductUpdates(QObject* parent)
     : ProductUpdates(ProductRelease::website(), defaultExtensionStatusPath(), parent)
-{
-}
+{}
 
 ProductUpdates::ProductUpdates(QUrl website, QString extensionStatusPath, QObject* parent)
     : QObject(parent), m_website(std::move(website)), m_extensionStatusPath(std::move(extensionStatusPath)),
@@ -158,7 +158,8 @@ void ProductUpdates::finishExtensionCheck(const Outcome& outcome)
 {
     Q_EMIT extensionCheckingChanged(false);
     if (const auto* manifest = std::get_if<ProductRelease::Manifest>(&outcome)) {
-        m_extensionStatus = extensionSentence(*manifest, installedExtensionVersion(m_extensionStatusPath, m_now()));
+        m_extensionStatus =
+            extensionSentence(*manifest, installedExtensionVersion(m_extensionStatusPath, m_now()));
     } else {
         m_extensionStatus = failureStatus();
     }
@@ -190,7 +191,8 @@ void ProductUpdates::finishApplicationCheck(const Outcome& outcome)
     const auto* manifest = std::get_if<ProductRelease::Manifest>(&outcome);
     if (!manifest) {
         m_applicationStatus = failureStatus();
-    } else if (manifest->linuxAsset && ProductRelease::isNewer(manifest->linuxAsset->version, ProductRelease::version())) {
+    } else if (manifest->linuxAsset &&
+               ProductRelease::isNewer(manifest->linuxAsset->version, ProductRelease::version())) {
         m_downloadURL = m_website.resolved(QUrl(manifest->linuxAsset->url));
         m_applicationStatus = QStringLiteral("发现新版本 ") + manifest->linuxAsset->version +
                               QStringLiteral("（当前 ") + ProductRelease::version() +

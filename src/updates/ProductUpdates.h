@@ -6,13 +6,11 @@
 #include <QObject>
 #include <QPointer>
 #include <QUrl>
-
 #include <functional>
 #include <optional>
 #include <variant>
 
 class QNetworkAccessManager;
-
 
 namespace velnora {
 

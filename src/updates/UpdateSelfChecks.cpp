@@ -66,7 +66,8 @@ QString statusFileFailure()
                                  {"version", "2.11.1"}};
         return file.write(QJsonDocument(status).toJson()) > 0;
     };
-    if (!writeStatus(now - 59) || ProductUpdates::installedExtensionVersion(path, now) != QStringLiteral("2.11.1")) {
+    if (!writeStatus(now - 59) ||
+        ProductUpdates::installedExtensionVersion(path, now) != QStringLiteral("2.11.1")) {
         return QStringLiteral("59 秒前的扩展状态没有被采用");
     }
     if (!writeStatus(now - 60) || ProductUpdates::installedExtensionVersion(path, now).has_value()) {
@@ -91,8 +92,9 @@ QString failure()
         accepted(withChrome("extensionID", "dgldcbgpnkooljhfhcjpkojcdnfkepnb"))) {
         return QStringLiteral("扩展 ID 缺失或不符的清单被接受");
     }
-    for (const char* url : {"https://velnora.tarnwick.cn/downloads/ext.zip", "/downloads/../ext.zip",
-                            "/downloads\\ext.zip", "/downloads/ext.zip?x=1", "/downloads/ext.zip#a", "/ext.zip"}) {
+    for (const char* url :
+         {"https://velnora.tarnwick.cn/downloads/ext.zip", "/downloads/../ext.zip", "/downloads\\ext.zip",
+          "/downloads/ext.zip?x=1", "/downloads/ext.zip#a", "/ext.zip"}) {
         if (accepted(withChrome("url", QString::fromLatin1(url)))) {
             return QStringLiteral("下载地址 ") + QString::fromLatin1(url) + QStringLiteral(" 被接受");
         }
