@@ -15,6 +15,7 @@ session_packages=(
   xvfb xauth dbus dbus-x11 at-spi2-core gnome-keyring libsecret-tools
   xdotool xclip x11-utils imagemagick fonts-wqy-microhei fonts-noto-cjk
   chromium nodejs
+  openssl
 )
 
 wanted=("${build_packages[@]}")

@@ -1,5 +1,6 @@
 #include "app/RunModes.h"
 
+#include "app/ApiStreamSelfTest.h"
 #include "app/ApplicationMode.h"
 #include "app/BridgeCommands.h"
 #include "app/KeychainRepairCommand.h"
@@ -43,7 +44,7 @@ const std::vector<Row>& table()
         {13, "--render-pill", Match::flagWithValue, OverlayRunModes::runRenderPill},
         {14, "--render-overlay", Match::flagWithValue, OverlayRunModes::runRenderOverlay},
         {15, "--settings-self-test", Match::flag, runSettingsSelfTest},
-        {16, "--api-stream-self-test", Match::flagWithValue, {}},
+        {16, "--api-stream-self-test", Match::flagWithValue, ApiStreamSelfTest::run},
         {17, "--check-accessibility", Match::flag, AccessibilityCheck::run},
         {18, "--repair-keychain-access", Match::flag, KeychainRepairCommand::run},
         {19, "--native-host-installer-self-test", Match::flag, BridgeCommands::runInstallerSelfTest},
