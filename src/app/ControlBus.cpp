@@ -1,0 +1,123 @@
+#include "app/ControlBus.h"
+
+#include "app/ModeResult.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+
+namespace velnora::ControlBus {
+
+namespace {
+
+constexpr int callTimeoutMs = 5000;
+
+std::optional<QString> unreachableBus(const QDBusConnection& bus)
+{
+    if (bus.isConnected()) {
+        return std::nullopt;
+    }
+    return QStringLiteral("无法连接到 D-Bus 会话总线（%1）").arg(bus.lastError().message());
+}
+
+int sendMode(const ProcessArguments& arguments, const char* mode, const char* name)
+{
+    QCoreApplication application(arguments.argc(), arguments.argv());
+    const std::optional<QString> failure = broadcast(QString::fromLatin1(name));
+    return ModeResult::report(QString::fromLatin1(mode), failure.value_or(QString()));
+}
+
+} // namespace
+
+std::optional<QString> broadcast(const QString& name)
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (auto failure = unreachableBus(bus)) {
+        return failure;
+    }
+    QDBusMessage signal =
+        QDBusMessage::createSignal(QString::fromLatin1(objectPath), QString::fromLatin1(interfaceName),
+                                   QString::fromLatin1(notifySignal));
+    signal << name;
+    if (!bus.send(signal)) {
+        return QStringLiteral("无法发送 D-Bus 信号：%1").arg(bus.lastError().message());
+    }
+    // The connection delivers in order: once the bus answers this call, the signal has left us.
+    const QDBusMessage ping = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+        QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"));
+    const QDBusMessage reply = bus.call(ping, QDBus::Block, callTimeoutMs);
+    if (reply.type() == QDBusMessage::ErrorMessage) {
+        return QStringLiteral("D-Bus 会话总线没有应答：%1").arg(reply.errorMessage());
+    }
+    return std::nullopt;
+}
+
+std::optional<QString> requestExplanation(const QString& text, bool* notRunning)
+{
+    if (notRunning) {
+        *notRunning = false;
+    }
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (auto failure = unreachableBus(bus)) {
+        return failure;
+    }
+    const QString service = QString::fromLatin1(serviceName);
+    if (!bus.interface()->isServiceRegistered(service).value()) {
+        if (notRunning) {
+            *notRunning = true;
+        }
+        return QStringLiteral("澜镜没有在运行，请先启动澜镜");
+    }
+    QDBusMessage call = QDBusMessage::createMethodCall(service, QString::fromLatin1(objectPath),
+                                                       QString::fromLatin1(interfaceName),
+                                                       QString::fromLatin1(explainMethod));
+    call << text;
+    const QDBusMessage reply = bus.call(call, QDBus::Block, callTimeoutMs);
+    if (reply.type() == QDBusMessage::ErrorMessage) {
+        return QStringLiteral("澜镜没有应答：%1").arg(reply.errorMessage());
+    }
+    return std::nullopt;
+}
+
+int runSendPreview(const ProcessArguments& arguments)
+{
+    return sendMode(arguments, "send-preview", previewName);
+}
+
+int runSendPillPreview(const ProcessArguments& arguments)
+{
+    return sendMode(arguments, "send-pill-preview", pillPreviewName);
+}
+
+int runSendSettings(const ProcessArguments& arguments)
+{
+    return sendMode(arguments, "send-settings", settingsName);
+}
+
+int runSendTranslationSelfTest(const ProcessArguments& arguments)
+{
+    return sendMode(arguments, "send-translation-self-test", translationSelfTestName);
+}
+
+int runExplainSelection(const ProcessArguments& arguments)
+{
+    QCoreApplication application(arguments.argc(), arguments.argv());
+    // A value that is not another flag is the text itself; without one the running app reads the selection.
+    QString text;
+    if (const std::optional<QString> value = arguments.valueAfter(QStringLiteral("--explain-selection"));
+        value && !value->startsWith(QStringLiteral("--"))) {
+        text = *value;
+    }
+    bool notRunning = false;
+    const std::optional<QString> failure = requestExplanation(text, &notRunning);
+    const QString mode = QStringLiteral("explain-selection");
+    if (failure && notRunning) {
+        ModeResult::printLine(mode + QStringLiteral(": ") + *failure);
+        return 2;
+    }
+    return ModeResult::report(mode, failure.value_or(QString()));
+}
+
+} // namespace velnora::ControlBus
