@@ -1,5 +1,7 @@
 #include "app/ApplicationMode.h"
 
+#include "app/AppDelegate.h"
+#include "app/ControlBus.h"
 #include "app/ModeResult.h"
 
 #include <QApplication>
@@ -42,6 +44,19 @@ int run(const ProcessArguments& arguments)
     QApplication::setApplicationDisplayName(QStringLiteral("澜镜"));
     QApplication::setApplicationVersion(QStringLiteral(VELNORA_VERSION));
     QApplication::setQuitOnLastWindowClosed(false);
+
+    AppDelegate delegate;
+    if (delegate.claimInstance() == AppDelegate::InstanceClaim::another) {
+        // One instance per session: a second launch brings up the first one's settings.
+        const std::optional<QString> failure = ControlBus::broadcast(QString::fromLatin1(ControlBus::settingsName));
+        if (failure) {
+            ModeResult::printErrorLine(*failure);
+            return 1;
+        }
+        ModeResult::printLine(QStringLiteral("澜镜已经在运行，已打开它的设置窗口。"));
+        return 0;
+    }
+    delegate.applicationDidFinishLaunching(arguments);
     return application.exec();
 }
 

@@ -3,6 +3,8 @@
 #include "app/ApiStreamSelfTest.h"
 #include "app/ApplicationMode.h"
 #include "app/BridgeCommands.h"
+#include "app/ControlBus.h"
+#include "app/GeneralSelfTest.h"
 #include "app/KeychainRepairCommand.h"
 #include "app/ModeResult.h"
 #include "app/UpdateRunModes.h"
@@ -34,11 +36,13 @@ const std::vector<Row>& table()
         {3, "--update-self-test", Match::flag, UpdateRunModes::runUpdateSelfTest},
         {4, "--updates-preview", Match::flag, UpdateRunModes::runUpdatesPreview},
         {5, "--edition-self-test", Match::flag, runEditionSelfTest},
-        {6, "--send-preview", Match::flag, {}},
-        {7, "--send-pill-preview", Match::flag, {}},
-        {8, "--send-settings", Match::flag, {}},
-        {9, "--send-translation-self-test", Match::flag, {}},
-        {10, "--self-test", Match::flag, {}},
+        {6, "--send-preview", Match::flag, ControlBus::runSendPreview},
+        {7, "--send-pill-preview", Match::flag, ControlBus::runSendPillPreview},
+        {8, "--send-settings", Match::flag, ControlBus::runSendSettings},
+        {9, "--send-translation-self-test", Match::flag, ControlBus::runSendTranslationSelfTest},
+        // Our own: the explain service for desktops where no hot key can be grabbed.
+        {9, "--explain-selection", Match::flag, ControlBus::runExplainSelection},
+        {10, "--self-test", Match::flag, GeneralSelfTest::run},
         {11, "--markdown-self-test", Match::flag, OverlayRunModes::runMarkdownSelfTest},
         {12, "--overlay-self-test", Match::flag, OverlayRunModes::runOverlaySelfTest},
         {13, "--render-pill", Match::flagWithValue, OverlayRunModes::runRenderPill},

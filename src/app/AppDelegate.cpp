@@ -1,0 +1,537 @@
+#include "app/AppDelegate.h"
+
+#include "app/AboutWindow.h"
+#include "app/AccessibilityBus.h"
+#include "app/ControlBus.h"
+#include "app/ControlService.h"
+#include "app/FeedbackPresenter.h"
+#include "app/GraphemeText.h"
+#include "app/LaunchAtLogin.h"
+#include "app/ModeResult.h"
+#include "app/ProcessArguments.h"
+#include "bridge/BridgeDiagnostics.h"
+#include "bridge/BridgeRepair.h"
+#include "bridge/FileSystemError.h"
+#include "bridge/NativeHostInstaller.h"
+#include "capture/CapturePlatform.h"
+#include "capture/SelectionReadError.h"
+#include "flow/ExplanationCoordinator.h"
+#include "llm/LLMClient.h"
+#include "llm/ProviderFailure.h"
+#include "overlay/OverlayPanelController.h"
+#include "updates/ProductUpdates.h"
+
+#include <QApplication>
+#include <QCursor>
+#include <QDBusConnection>
+#include <QFont>
+#include <QIcon>
+#include <QPainter>
+#include <QPixmap>
+#include <QSystemTrayIcon>
+
+namespace velnora {
+
+namespace {
+
+constexpr double shortFeedback = 1.4;
+
+// The tray's picture: the theme's icon when installed, else the product's first character.
+QIcon trayIcon()
+{
+    QIcon themed = QIcon::fromTheme(QStringLiteral("velnora"));
+    if (!themed.isNull()) {
+        return themed;
+    }
+    QIcon drawn;
+    for (const int size : {16, 22, 24, 32, 48, 64}) {
+        QPixmap pixmap(size, size);
+        pixmap.fill(Qt::transparent);
+        QPainter painter(&pixmap);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setPen(Qt::NoPen);
+        painter.setBrush(QColor(0x1f, 0x7a, 0x8c));
+        painter.drawRoundedRect(QRectF(0.5, 0.5, size - 1, size - 1), size * 0.22, size * 0.22);
+        QFont font = QApplication::font();
+        font.setPixelSize(int(size * 0.7));
+        font.setBold(true);
+        painter.setFont(font);
+        painter.setPen(Qt::white);
+        painter.drawText(QRect(0, 0, size, size), Qt::AlignCenter, QStringLiteral("澜"));
+        painter.end();
+        drawn.addPixmap(pixmap);
+    }
+    return drawn;
+}
+
+} // namespace
+
+AppDelegate::AppDelegate(QObject* parent) : AppDelegate(Options(), parent) {}
+
+AppDelegate::AppDelegate(Options options, QObject* parent)
+    : QObject(parent), m_options(std::move(options)), m_requestStore(m_options.dataDirectory),
+      m_configuration(m_options.settingsPath ? std::make_unique<ConfigurationStore>(*m_options.settingsPath)
+                                             : std::make_unique<ConfigurationStore>())
+{
+    m_hotKey = new GlobalHotKey(this);
+    m_control = new ControlService(this);
+    m_accessibilityMonitorTimer.setInterval(m_options.accessibilityPollMs);
+    connect(&m_accessibilityMonitorTimer, &QTimer::timeout, this, [this] {
+        m_accessibilityPolls += 1;
+        if (m_accessibilityTrusted && m_accessibilityTrusted()) {
+            m_accessibilityMonitorTimer.stop();
+            m_trusted = CapturePlatform::isTrusted();
+            showFeedback(QStringLiteral("权限已开启"), shortFeedback);
+            writeRuntimeStatus();
+        } else if (m_accessibilityPolls * m_options.accessibilityPollMs >=
+                   m_options.accessibilityPollLimitMs) {
+            m_accessibilityMonitorTimer.stop();
+        }
+    });
+    m_runtimeStatusTimer.setInterval(m_options.runtimeStatusIntervalMs);
+    connect(&m_runtimeStatusTimer, &QTimer::timeout, this, &AppDelegate::writeRuntimeStatus);
+    m_chromeCountdown.setInterval(1000);
+    connect(&m_chromeCountdown, &QTimer::timeout, this, [this] {
+        m_chromeSecondsLeft = std::max(0, m_chromeSecondsLeft - 1);
+        showFeedback(QStringLiteral("等待 Chrome（%1 秒）").arg(m_chromeSecondsLeft), 1.2);
+    });
+}
+
+AppDelegate::~AppDelegate()
+{
+    // The coordinator talks to the card and the client: it goes before them.
+    delete m_explanationCoordinator;
+    m_explanationCoordinator = nullptr;
+    if (m_statusItem) {
+        m_statusItem->hide();
+    }
+    delete m_settingsController.data();
+    delete m_aboutWindow.data();
+}
+
+AppDelegate::InstanceClaim AppDelegate::claimInstance()
+{
+    if (m_control->start()) {
+        return InstanceClaim::first;
+    }
+    const QDBusConnection bus = QDBusConnection::sessionBus();
+    return bus.isConnected() ? InstanceClaim::another : InstanceClaim::noBus;
+}
+
+void AppDelegate::applicationDidFinishLaunching(const ProcessArguments& arguments)
+{
+    // 1. Tray application: every window is a tool window and closing one does not quit.
+    QApplication::setQuitOnLastWindowClosed(false);
+    // 2. The explain service is the control bus's ExplainSelection.
+    connect(m_control, &ControlService::explainRequested, this, &AppDelegate::explainRequested);
+    // 3. Updates: checked on demand only.
+    m_updates = new ProductUpdates(this);
+    connect(m_updates, &ProductUpdates::applicationCheckingChanged, this, [this](bool checking) {
+        if (m_statusMenu) {
+            m_statusMenu->updatesItem()->setEnabled(!checking);
+        }
+    });
+    // 4.
+    buildStatusMenu();
+    // 5.
+    installHostManifest();
+    // 6.
+    registerHotKey();
+    // 7.
+    m_trusted = CapturePlatform::isTrusted();
+    writeRuntimeStatus();
+    m_runtimeStatusTimer.start();
+    // 8.
+    connect(m_control, &ControlService::notificationReceived, this, &AppDelegate::handleNotification);
+    // 9.
+    if (arguments.has(QStringLiteral("--preview-overlay"))) {
+        QMetaObject::invokeMethod(
+            this, [this] { explanationCoordinator()->showInterfacePreview(); }, Qt::QueuedConnection);
+    }
+    // 10.
+    if (!m_configuration->didShowVersion2Setup()) {
+        m_configuration->setDidShowVersion2Setup(true);
+        openSettings(QStringLiteral("免 Key 网页会话可直接使用；配置 API Key 后可启用原生悬浮卡片。"));
+    }
+}
+
+void AppDelegate::buildStatusMenu()
+{
+    m_statusMenu = std::make_unique<StatusMenu>();
+    StatusMenu* menu = m_statusMenu.get();
+    connect(menu, &QMenu::aboutToShow, this, &AppDelegate::refreshExplainItem);
+    // Acting once the menu has closed, so the reader sees the application the user worked in.
+    connect(menu->explainItem(), &QAction::triggered, this,
+            [this] { QMetaObject::invokeMethod(this, &AppDelegate::explainFromMenu, Qt::QueuedConnection); });
+    for (auto it = menu->modeMenuItems().cbegin(); it != menu->modeMenuItems().cend(); ++it) {
+        const ExecutionMode mode = it.key();
+        connect(it.value(), &QAction::triggered, this, [this, mode] { selectMode(mode); });
+    }
+    for (auto it = menu->hotKeyMenuItems().cbegin(); it != menu->hotKeyMenuItems().cend(); ++it) {
+        const QString id = it.key();
+        connect(it.value(), &QAction::triggered, this, [this, id] { selectHotKey(id); });
+    }
+    connect(menu->accessibilityItem(), &QAction::triggered, this, &AppDelegate::checkAccessibility);
+    connect(menu->chromeItem(), &QAction::triggered, this, &AppDelegate::checkChrome);
+    connect(menu->settingsItem(), &QAction::triggered, this, [this] { openSettings(); });
+    connect(menu->aboutItem(), &QAction::triggered, this, &AppDelegate::showAbout);
+    connect(menu->updatesItem(), &QAction::triggered, this, &AppDelegate::checkForUpdates);
+    connect(menu->launchAtLoginItem(), &QAction::triggered, this, &AppDelegate::toggleLaunchAtLogin);
+    connect(menu->quitItem(), &QAction::triggered, qApp, &QCoreApplication::quit);
+
+    menu->setCurrentMode(m_configuration->executionMode());
+    menu->setCurrentHotKey(HotKeyChoice::choice(m_configuration->globalHotKeyID()).id);
+    menu->launchAtLoginItem()->setChecked(LaunchAtLogin::isEnabled());
+    menu->setExplainItem(StatusMenu::explainMenuItemTitle(std::nullopt, std::nullopt));
+    // The settings window may change the mode.
+    connect(m_configuration.get(), &ConfigurationStore::configurationDidChange, this,
+            [this] { m_statusMenu->setCurrentMode(m_configuration->executionMode()); });
+
+    m_statusItem = new QSystemTrayIcon(trayIcon(), this);
+    m_statusItem->setToolTip(FeedbackPresenter::restingToolTip());
+    m_statusItem->setContextMenu(menu);
+    // A left click opens the same menu: the icon has nothing else to do.
+    connect(m_statusItem, &QSystemTrayIcon::activated, this,
+            [this](QSystemTrayIcon::ActivationReason reason) {
+                if (reason == QSystemTrayIcon::Trigger) {
+                    m_statusMenu->popup(QCursor::pos());
+                }
+            });
+    m_feedback = new FeedbackPresenter(m_statusItem, this);
+    m_statusItem->show();
+}
+
+void AppDelegate::installHostManifest()
+{
+    try {
+        NativeHostInstaller::installForAllBrowsers();
+    } catch (const FileSystemError& error) {
+        ModeResult::printErrorLine(QStringLiteral("native-host-install: ") + error.description());
+        showFeedback(QStringLiteral("Chrome 连接配置失败"), shortFeedback);
+    }
+}
+
+QString AppDelegate::hotKeyTakenMessage(const HotKeyChoice& choice)
+{
+    return QStringLiteral("快捷键 ") + choice.title + QStringLiteral(" 已被其他应用占用，请在菜单栏中更换。");
+}
+
+void AppDelegate::registerHotKey()
+{
+    const HotKeyChoice& choice = HotKeyChoice::choice(m_configuration->globalHotKeyID());
+    m_hotKeyRegistered = m_hotKey->registerChoice(choice, [this] { explainCurrentSelection(); });
+    if (!m_hotKeyRegistered) {
+        showFeedback(hotKeyTakenMessage(choice), 4.0);
+    }
+}
+
+void AppDelegate::writeRuntimeStatus()
+{
+    // Status files are best effort: the host only reports what it finds.
+    try {
+        m_requestStore.writeAppStatus(m_trusted);
+    } catch (const FileSystemError&) {
+    }
+}
+
+void AppDelegate::showFeedback(const QString& text, double durationSeconds)
+{
+    if (m_feedback) {
+        m_feedback->show(text, durationSeconds);
+    }
+}
+
+ExplanationCoordinator* AppDelegate::explanationCoordinator()
+{
+    if (!m_explanationCoordinator) {
+        m_client = std::make_unique<LLMClient>();
+        m_overlay = std::make_unique<OverlayPanelController>();
+        m_explanationCoordinator =
+            new ExplanationCoordinator(*m_configuration, m_keychain, *m_client, *m_overlay);
+        connect(m_explanationCoordinator, &ExplanationCoordinator::fixConfigurationRequested, this,
+                [this](ProviderField field) { openSettings({}, SettingsWindow::Tone::warning, field); });
+    }
+    return m_explanationCoordinator;
+}
+
+void AppDelegate::route(const SelectionResult& selection)
+{
+    if (GraphemeText::count(selection.text, maximumSelectionLength + 1) > maximumSelectionLength) {
+        showFeedback(SelectionReadError(SelectionReadError::Case::selectionTooLong).description(), 2.5);
+        return;
+    }
+    if (m_configuration->executionMode() == ExecutionMode::api) {
+        routeToCard(selection);
+    } else {
+        routeToBrowser(selection);
+    }
+}
+
+void AppDelegate::routeToCard(const SelectionResult& selection)
+{
+    std::optional<ProviderFailure> failure;
+    try {
+        explanationCoordinator()->explain(selection);
+    } catch (const KeychainError& error) {
+        failure = error;
+    } catch (const ConfigurationError& error) {
+        failure = error;
+    }
+    if (failure) {
+        const ProviderDiagnosis diagnosis = ProviderDiagnostics::diagnose(*failure);
+        openSettings(describe(*failure), SettingsWindow::Tone::error, diagnosis.field);
+        return;
+    }
+    showFeedback(QStringLiteral("正在解释"));
+}
+
+void AppDelegate::routeToBrowser(const SelectionResult& selection)
+{
+    const BrowserProvider provider = m_configuration->browserProvider();
+    BridgeRequest request;
+    try {
+        request = m_requestStore.enqueue(BridgeRequestType::explainText, selection.text, rawValue(provider),
+                                         depthInstruction(m_configuration->explanationDepth()));
+    } catch (const FileSystemError& error) {
+        showFeedback(QStringLiteral("无法写入请求队列：") + error.description(), 3.0);
+        return;
+    }
+    ensureChromeRuns();
+    scheduleDeliveryCheck(request.id);
+    showFeedback(QStringLiteral("正在发送到 ") + browserProviderTitle(provider));
+    Q_EMIT browserRequestQueued(request.id);
+}
+
+void AppDelegate::ensureChromeRuns()
+{
+    if (!BridgeDiagnostics::isChromeRunning()) {
+        BridgeRepair::launchChrome();
+    }
+}
+
+QString AppDelegate::deliveryFeedback(const BridgeDiagnosis& diagnosis)
+{
+    switch (diagnosis.kind) {
+    case BridgeDiagnosis::Kind::chromeNotRunning:
+        return QStringLiteral("Chrome 没有运行");
+    case BridgeDiagnosis::Kind::extensionSilent:
+        return diagnosis.concernsExtensionInstall() ? QStringLiteral("Chrome 扩展未安装")
+                                                    : QStringLiteral("Chrome 扩展未连接");
+    case BridgeDiagnosis::Kind::manifestMissing:
+    case BridgeDiagnosis::Kind::manifestPathBroken:
+    case BridgeDiagnosis::Kind::manifestOriginMismatch:
+        return QStringLiteral("Chrome 连接配置需修复");
+    case BridgeDiagnosis::Kind::connected:
+        break; // the host is alive and will take the request on its next scan
+    }
+    return {};
+}
+
+void AppDelegate::scheduleDeliveryCheck(const QString& requestID)
+{
+    if (!RequestStore::isValidRequestIdentifier(requestID)) {
+        return;
+    }
+    QTimer::singleShot(m_options.firstDeliveryCheckMs, this, [this, requestID] {
+        if (m_requestStore.contains(requestID) && !m_requestStore.isBridgeActive(heartbeatMaximumAge)) {
+            ensureChromeRuns();
+        }
+    });
+    QTimer::singleShot(m_options.secondDeliveryCheckMs, this, [this, requestID] {
+        if (!m_requestStore.contains(requestID)) {
+            return;
+        }
+        const BridgeDiagnosis diagnosis =
+            BridgeDiagnostics::diagnoseCurrent(m_requestStore.isBridgeActive(heartbeatMaximumAge));
+        if (const QString text = deliveryFeedback(diagnosis); !text.isEmpty()) {
+            showFeedback(text, 3.0);
+        }
+    });
+}
+
+void AppDelegate::explainCurrentSelection()
+{
+    if (m_selectionReader.isReading()) {
+        return; // a second press while the first read runs
+    }
+    SelectionResult selection;
+    try {
+        selection = m_selectionReader.readSelection();
+    } catch (const SelectionReadError& error) {
+        if (error.errorCase() == SelectionReadError::Case::accessibilityPermissionRequired) {
+            showFeedback(QStringLiteral("请授权辅助功能"), shortFeedback);
+            startAccessibilityMonitor([] { return CapturePlatform::isTrusted(); });
+            openSettings(
+                QStringLiteral(
+                    "跨应用自动取词需要辅助功能权限；授权前可先 Ctrl+C 复制，再用菜单栏的“解释剪贴板”。"),
+                SettingsWindow::Tone::warning);
+        } else {
+            showFeedback(error.description(), 2.5);
+        }
+        return;
+    }
+    route(selection);
+}
+
+void AppDelegate::refreshExplainItem()
+{
+    // The tray menu does not take the activation on X11, so the peek asks the application that
+    // still holds the active window; the last one seen is preferred when known.
+    m_previewedSelection = m_selectionReader.peekSelection(m_lastActiveApplicationPID);
+    std::optional<QString> clipboard;
+    try {
+        clipboard = m_selectionReader.clipboardText().text;
+    } catch (const SelectionReadError&) {
+    }
+    const StatusMenu::ExplainItem item = StatusMenu::explainMenuItemTitle(
+        m_previewedSelection ? std::optional<QString>(m_previewedSelection->text) : std::nullopt, clipboard);
+    m_explainSource = item.source;
+    m_statusMenu->setExplainItem(item);
+}
+
+void AppDelegate::explainFromMenu()
+{
+    if (m_explainSource == ExplainSource::clipboard) {
+        try {
+            route(m_selectionReader.clipboardText());
+        } catch (const SelectionReadError& error) {
+            showFeedback(error.description(), 2.5);
+        }
+        return;
+    }
+    explainCurrentSelection();
+}
+
+void AppDelegate::selectMode(ExecutionMode mode)
+{
+    m_configuration->setExecutionMode(mode);
+    m_statusMenu->setCurrentMode(mode);
+    showFeedback(mode == ExecutionMode::api ? QStringLiteral("API 悬浮模式")
+                                            : QStringLiteral("网页会话模式"));
+}
+
+void AppDelegate::selectHotKey(const QString& choiceID)
+{
+    const HotKeyChoice& choice = HotKeyChoice::choice(choiceID);
+    m_configuration->setGlobalHotKeyID(choice.id);
+    m_statusMenu->setCurrentHotKey(choice.id);
+    m_hotKeyRegistered = m_hotKey->registerChoice(choice, [this] { explainCurrentSelection(); });
+    showFeedback(m_hotKeyRegistered ? QStringLiteral("全局快捷键：") + choice.title
+                                    : hotKeyTakenMessage(choice),
+                 m_hotKeyRegistered ? 1.8 : 4.0);
+}
+
+void AppDelegate::toggleLaunchAtLogin()
+{
+    const bool wanted = !LaunchAtLogin::isEnabled();
+    if (const std::optional<QString> failure =
+            LaunchAtLogin::setEnabled(wanted, NativeHostInstaller::currentExecutablePath())) {
+        showFeedback(QStringLiteral("无法修改登录启动设置：") + *failure, 3.0);
+    }
+    m_statusMenu->launchAtLoginItem()->setChecked(LaunchAtLogin::isEnabled());
+}
+
+void AppDelegate::startAccessibilityMonitor(std::function<bool()> trusted)
+{
+    m_accessibilityTrusted = std::move(trusted);
+    m_accessibilityPolls = 0;
+    m_accessibilityMonitorTimer.start();
+}
+
+void AppDelegate::checkAccessibility()
+{
+    // Capture itself needs only the display; reading focused text needs the accessibility switch on.
+    if (CapturePlatform::isTrusted() && AccessibilityBus::isEnabled().value_or(false)) {
+        showFeedback(QStringLiteral("权限正常"));
+        return;
+    }
+    AccessibilityBus::enable();
+    showFeedback(QStringLiteral("请授权辅助功能"));
+    startAccessibilityMonitor(
+        [] { return CapturePlatform::isTrusted() && AccessibilityBus::isEnabled().value_or(false); });
+}
+
+void AppDelegate::checkChrome()
+{
+    if (m_chromeCheckRunning) {
+        return;
+    }
+    m_chromeCheckRunning = true;
+    showFeedback(QStringLiteral("正在连接 Chrome"), 1.2);
+    m_chromeSecondsLeft = m_options.chromeWaitSeconds;
+    m_chromeCountdown.start();
+    QPointer<AppDelegate> self(this);
+    BridgeRepair::attempt(m_requestStore, m_options.chromeWaitSeconds,
+                          [self](const BridgeDiagnosis& diagnosis) {
+                              if (!self) {
+                                  return;
+                              }
+                              self->m_chromeCheckRunning = false;
+                              self->m_chromeCountdown.stop();
+                              if (diagnosis.kind == BridgeDiagnosis::Kind::connected) {
+                                  self->showFeedback(QStringLiteral("Chrome 已连接"));
+                              } else {
+                                  self->showFeedback(deliveryFeedback(diagnosis), 3.0);
+                              }
+                          });
+}
+
+void AppDelegate::openSettings(const QString& message, SettingsWindow::Tone tone,
+                               std::optional<ProviderField> field)
+{
+    if (!m_settingsController) {
+        SettingsWindow::Collaborators collaborators =
+            SettingsWindow::Collaborators::standard(m_configuration.get(), &m_keychain);
+        collaborators.requestStore = m_requestStore;
+        m_settingsController = new SettingsWindow(std::move(collaborators));
+        m_settingsController->setAttribute(Qt::WA_DeleteOnClose, false);
+    }
+    m_settingsController->present(message, tone, field);
+}
+
+void AppDelegate::showAbout()
+{
+    if (!m_aboutWindow) {
+        m_aboutWindow = new AboutWindow(m_updates);
+    }
+    m_aboutWindow->present();
+}
+
+void AppDelegate::checkForUpdates()
+{
+    showAbout();
+    if (!m_updates->isCheckingApplication()) {
+        m_updates->checkApplication();
+    }
+}
+
+QString AppDelegate::translationCheckText()
+{
+    return QStringLiteral("Serendipity is the art of finding something good without looking for it.");
+}
+
+void AppDelegate::handleNotification(const QString& name)
+{
+    if (name == QLatin1String(ControlBus::previewName)) {
+        explanationCoordinator()->showInterfacePreview();
+    } else if (name == QLatin1String(ControlBus::pillPreviewName)) {
+        explanationCoordinator()->showInterfacePreview();
+        m_overlay->collapseToPill();
+    } else if (name == QLatin1String(ControlBus::settingsName)) {
+        openSettings();
+    } else if (name == QLatin1String(ControlBus::translationSelfTestName)) {
+        route(SelectionResult{translationCheckText(), std::nullopt});
+    }
+}
+
+void AppDelegate::explainRequested(const QString& text)
+{
+    const QString trimmed = text.trimmed();
+    if (trimmed.isEmpty()) {
+        explainCurrentSelection();
+        return;
+    }
+    route(SelectionResult{trimmed, std::nullopt});
+}
+
+} // namespace velnora
