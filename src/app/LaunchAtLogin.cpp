@@ -52,10 +52,15 @@ bool isEnabled()
     }
     bool inEntry = false;
     while (!file.atEnd()) {
-        QByteArray line = file.readLine(4096).trimmed();
-        line.replace(' ', "");
+        // "Hidden = true" is as valid as "Hidden=true".
+        QByteArray line;
+        for (const char c : file.readLine(4096)) {
+            if (c != ' ' && c != '\t' && c != '\n' && c != '\r') {
+                line += c;
+            }
+        }
         if (line.startsWith('[')) {
-            inEntry = line == "[Desktop Entry]";
+            inEntry = line == "[DesktopEntry]"; // blanks are gone
             continue;
         }
         if (!inEntry) {
