@@ -8,6 +8,8 @@
 #include "config/ConfigurationStore.h"
 #include "config/KeychainStore.h"
 #include "config/PromptLibrary.h"
+#include "llm/LLMClient.h"
+#include "llm/ModelCatalog.h"
 
 #include <QApplication>
 #include <QClipboard>
@@ -47,8 +49,8 @@ constexpr int testDeadlineMilliseconds = 30000;
 constexpr int bridgeRefreshTicks = 2; // the Chrome status is re-read every two seconds while open
 constexpr const char* markProperty = "velnoraMarked";
 
-// The model client is not part of this build yet.
-constexpr const char* nextVersionNote = "测试连接和获取模型列表将随下一版本提供。";
+const QString testSystemPrompt = QStringLiteral("这是一次连接测试，请只回复一个词。");
+const QString testQuestion = QStringLiteral("你好");
 
 bool isDark(const QPalette& palette)
 {
@@ -151,7 +153,8 @@ SettingsWindow::Collaborators SettingsWindow::Collaborators::standard(Configurat
 
 SettingsWindow::SettingsWindow(Collaborators collaborators, QWidget* parent)
     : QWidget(parent, Qt::Tool), m_collaborators(std::move(collaborators)),
-      m_requestStore(m_collaborators.requestStore ? *m_collaborators.requestStore : RequestStore())
+      m_requestStore(m_collaborators.requestStore ? *m_collaborators.requestStore : RequestStore()),
+      m_client(std::make_shared<LLMClient>(m_collaborators.addressPolicy))
 {
     Q_ASSERT(m_collaborators.configuration && m_collaborators.keychain);
     setWindowTitle(QStringLiteral("澜镜设置"));
@@ -196,7 +199,9 @@ SettingsWindow::SettingsWindow(Collaborators collaborators, QWidget* parent)
     m_testDeadline->setInterval(testDeadlineMilliseconds);
     connect(m_testDeadline, &QTimer::timeout, this, [this] {
         ++m_testGeneration; // the cancelled stream's completion is stale now
-
+        if (m_client) {
+            m_client->cancel();
+        }
         m_testing = false;
         updateBusyButtons();
         showResult(m_testResult, QStringLiteral("测试请求 30 秒内没有完成，请检查网络后重试。"), Tone::error);
@@ -219,6 +224,9 @@ SettingsWindow::SettingsWindow(Collaborators collaborators, QWidget* parent)
 SettingsWindow::~SettingsWindow()
 {
     ++m_testGeneration;
+    if (m_client) {
+        m_client->cancel();
+    }
 }
 
 QWidget* SettingsWindow::buildGeneralPage()
@@ -324,8 +332,6 @@ QWidget* SettingsWindow::buildAPIPage()
     m_modelCompleter->setFilterMode(Qt::MatchContains);
     m_model->setCompleter(m_modelCompleter);
     m_fetchModels = new QPushButton(QStringLiteral("获取模型列表"), page);
-    m_fetchModels->setToolTip(QString::fromUtf8(nextVersionNote));
-    m_fetchModels->setEnabled(false);
     auto* modelRow = new QHBoxLayout;
     modelRow->addWidget(m_model, 1);
     modelRow->addWidget(m_fetchModels);
@@ -369,8 +375,7 @@ QWidget* SettingsWindow::buildAPIPage()
     form->addRow(QString(), promptRow);
 
     m_test = new QPushButton(QStringLiteral("测试连接"), page);
-    m_test->setToolTip(QString::fromUtf8(nextVersionNote));
-    m_test->setEnabled(false);
+    m_test->setToolTip(QStringLiteral("用当前填写的内容发一个一词的测试请求，不必先保存"));
     m_repairKeychain = new QPushButton(QStringLiteral("修复钥匙串授权"), page);
     m_repairKeychain->setToolTip(QStringLiteral("重新读取并写入这家服务的 API Key"));
     auto* actions = new QHBoxLayout;
@@ -598,7 +603,49 @@ std::optional<ResolvedProviderConfiguration> SettingsWindow::formConfiguration(P
 
 void SettingsWindow::testConnection()
 {
-    showResult(m_testResult, QString::fromUtf8(nextVersionNote), Tone::info);
+    if (m_testing) {
+        return;
+    }
+    clearMarks();
+    ProviderDiagnosis failure;
+    const auto configuration = formConfiguration(&failure);
+    if (!configuration) {
+        showDiagnosis(m_testResult, failure);
+        return;
+    }
+    const int generation = ++m_testGeneration;
+    m_testAnswer.clear();
+    m_testing = true;
+    updateBusyButtons();
+    showResult(m_testResult, QStringLiteral("正在发送测试请求…"), Tone::info);
+    QPointer<SettingsWindow> self(this);
+    try {
+        m_client->stream(
+            *configuration, testSystemPrompt, {ConversationMessage::user(testQuestion)},
+            [self, generation](const QString& delta) {
+                if (self && generation == self->m_testGeneration) {
+                    self->m_testAnswer += delta;
+                }
+            },
+            [self, generation](const StreamResult& result) {
+                if (self && generation == self->m_testGeneration) {
+                    self->finishTest(result.ok()
+                                         ? std::nullopt
+                                         : std::optional(ProviderDiagnostics::diagnose(result.failure())));
+                }
+            });
+        if (m_testing) {
+            m_testDeadline->start();
+        }
+    } catch (const ConfigurationError& error) {
+        m_testing = false;
+        updateBusyButtons();
+        showDiagnosis(m_testResult, ProviderDiagnostics::diagnose(error));
+    } catch (const LLMClientError& error) {
+        m_testing = false;
+        updateBusyButtons();
+        showDiagnosis(m_testResult, ProviderDiagnostics::diagnose(error));
+    }
 }
 
 void SettingsWindow::finishTest(const std::optional<ProviderDiagnosis>& failure)
@@ -617,7 +664,43 @@ void SettingsWindow::finishTest(const std::optional<ProviderDiagnosis>& failure)
 
 void SettingsWindow::fetchModels()
 {
-    showResult(m_modelListResult, QString::fromUtf8(nextVersionNote), Tone::info);
+    if (m_fetchingModels) {
+        return;
+    }
+    clearMarks();
+    ProviderDiagnosis failure;
+    const auto configuration = formConfiguration(&failure);
+    if (!configuration) {
+        showDiagnosis(m_modelListResult, failure);
+        return;
+    }
+    m_fetchingModels = true;
+    updateBusyButtons();
+    showResult(m_modelListResult, QStringLiteral("正在获取模型列表…"), Tone::info);
+    QPointer<SettingsWindow> self(this);
+    const QString providerID = configuration->definition.id;
+    ModelCatalog::fetch(
+        *configuration,
+        [self, providerID](const ModelCatalog::ModelListResult& result) {
+            if (!self) {
+                return;
+            }
+            self->m_fetchingModels = false;
+            self->updateBusyButtons();
+            if (providerID != self->m_loadedProviderID) {
+                return; // the user moved on to another service meanwhile
+            }
+            if (!result.ok()) {
+                self->showDiagnosis(self->m_modelListResult, ProviderDiagnostics::diagnose(result.failure()));
+                return;
+            }
+            self->m_modelCompletions->setStringList(result.value());
+            const QString summary =
+                ModelCatalog::listSummary(result.value(), self->m_model->text().trimmed());
+            const bool listed = result.value().contains(self->m_model->text().trimmed());
+            self->showResult(self->m_modelListResult, summary, listed ? Tone::success : Tone::warning);
+        },
+        m_collaborators.addressPolicy);
 }
 
 void SettingsWindow::repairKeychainAccess()
@@ -713,9 +796,9 @@ void SettingsWindow::tick()
 
 void SettingsWindow::updateBusyButtons()
 {
-    m_test->setEnabled(false);
+    m_test->setEnabled(!m_testing);
     m_test->setText(m_testing ? QStringLiteral("正在测试…") : QStringLiteral("测试连接"));
-    m_fetchModels->setEnabled(false);
+    m_fetchModels->setEnabled(!m_fetchingModels);
     m_repairBridge->setEnabled(!m_repairingBridge);
 }
 

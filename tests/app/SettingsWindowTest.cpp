@@ -8,11 +8,11 @@
 #include "config/ConfigurationStore.h"
 #include "config/KeychainStore.h"
 #include "config/PromptLibrary.h"
+#include "support/LoopbackHttpServer.h"
 
 #include <QApplication>
 #include <QClipboard>
 #include <QComboBox>
-#include <QDeadlineTimer>
 #include <QFile>
 #include <QLabel>
 #include <QLineEdit>
@@ -28,6 +28,9 @@
 
 using namespace velnora;
 using velnora::test::Appearance;
+using velnora::test::LoopbackHttpServer;
+using velnora::test::ScriptedResponse;
+using velnora::test::waitUntil;
 
 namespace {
 
@@ -36,6 +39,15 @@ const bool drawsOffscreen = [] {
     qputenv("QT_QPA_PLATFORM", "offscreen");
     return true;
 }();
+
+QByteArray chatStream(const QStringList& pieces)
+{
+    QByteArray body;
+    for (const QString& piece : pieces) {
+        body += "data: {\"choices\":[{\"index\":0,\"delta\":{\"content\":\"" + piece.toUtf8() + "\"}}]}\n\n";
+    }
+    return body + "data: [DONE]\n\n";
+}
 
 QPushButton* buttonTitled(QWidget* window, const QString& title)
 {
@@ -57,6 +69,7 @@ protected:
         if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) {
             GTEST_SKIP() << "needs the private session: run under scripts/desktop-session.sh";
         }
+        ASSERT_TRUE(server.isListening());
     }
     void TearDown() override
     {
@@ -113,6 +126,7 @@ protected:
     QString settingsPath = directory.filePath("velnora-domestic.conf");
     ConfigurationStore configuration{settingsPath};
     KeychainStore keychain{"velnora.test." + QUuid::createUuid().toString(QUuid::WithoutBraces)};
+    LoopbackHttpServer server;
     QList<QUrl> opened;
 };
 
@@ -278,6 +292,103 @@ TEST_F(SettingsWindowTest, PresentShowsTheBannerFocusesTheFieldAndRaisesTheSameW
     EXPECT_FALSE(window->banner()->isVisible());
 }
 
+TEST_F(SettingsWindowTest, TheTestRequestShowsTheFirstWordsOfTheAnswer)
+{
+    server.setFallback(ScriptedResponse::stream(chatStream({"你", "好！有什么要解释的吗？"})));
+    auto window = makeWindow(true);
+    window->present();
+    choose(window->apiProviderBox(), "deepseek");
+    retype(window->baseURLField(), server.url().toString());
+    retype(window->apiKeyField(), "sk-typed-not-saved");
+
+    QTest::mouseClick(window->testButton(), Qt::LeftButton);
+    EXPECT_FALSE(window->testButton()->isEnabled());
+    ASSERT_TRUE(waitUntil([&] { return !window->isTesting(); }, 10000));
+    EXPECT_EQ(window->testResult()->text(), "连接成功，模型回复：“你好！有什么要解释的吗？”");
+    EXPECT_TRUE(window->testButton()->isEnabled());
+
+    ASSERT_EQ(server.requestCount(), 1);
+    const auto request = server.requests().at(0);
+    EXPECT_EQ(request.target, "/chat/completions");
+    EXPECT_EQ(request.header("authorization"), "Bearer sk-typed-not-saved");
+    EXPECT_TRUE(request.body.contains("你好"));
+    EXPECT_FALSE(KeychainStore{keychain.service()}.hasAPIKey("deepseek")); // testing does not save
+}
+
+TEST_F(SettingsWindowTest, ARejectedKeyShowsTheKeyMessageAndFocusesTheKeyField)
+{
+    server.setFallback(ScriptedResponse::json(
+        401,
+        R"({"error":{"message":"Authentication Fails, Your api key: ****test is invalid","type":"authentication_error"}})"));
+    keychain.saveAPIKey("sk-stored", "deepseek");
+    auto window = makeWindow(true);
+    window->present();
+    choose(window->apiProviderBox(), "deepseek");
+    retype(window->baseURLField(), server.url().toString());
+
+    window->testConnection();
+    ASSERT_TRUE(waitUntil([&] { return !window->isTesting(); }, 10000));
+    EXPECT_TRUE(
+        window->testResult()->text().startsWith("API Key 无效或已失效，请重新填写。（设置 → API Key）"));
+    EXPECT_TRUE(window->testResult()->text().contains("服务端原文：Authentication Fails"));
+    EXPECT_EQ(window->focusWidget(), window->apiKeyField());
+    EXPECT_TRUE(SettingsWindow::isMarked(window->apiKeyField()));
+    // The stored key was the one sent.
+    EXPECT_EQ(server.requests().at(0).header("authorization"), "Bearer sk-stored");
+}
+
+TEST_F(SettingsWindowTest, WithoutAKeyNothingIsSentAndTheKeyFieldIsNamed)
+{
+    auto window = makeWindow(true);
+    window->present();
+    retype(window->baseURLField(), server.url().toString());
+    window->testConnection();
+    EXPECT_FALSE(window->isTesting());
+    EXPECT_EQ(window->testResult()->text(), "还没有保存所选提供商的 API Key。（设置 → API Key）");
+    EXPECT_EQ(window->focusWidget(), window->apiKeyField());
+    EXPECT_EQ(server.requestCount(), 0);
+
+    // Under the edition policy a loopback address is refused before anything is sent.
+    auto strict = makeWindow(false);
+    strict->present();
+    retype(strict->baseURLField(), server.url().toString());
+    retype(strict->apiKeyField(), "sk-typed");
+    strict->testConnection();
+    EXPECT_EQ(strict->focusWidget(), strict->baseURLField());
+    EXPECT_TRUE(strict->testResult()->text().startsWith(
+        ConfigurationError(ConfigurationError::Kind::editionRestricted).description()));
+    EXPECT_EQ(server.requestCount(), 0);
+}
+
+TEST_F(SettingsWindowTest, TheModelListBecomesTheCompletionsWithItsSentence)
+{
+    server.setFallback(ScriptedResponse::json(
+        200,
+        R"({"object":"list","data":[{"id":"deepseek-v4-pro"},{"id":"deepseek-v4-flash"},{"id":"deepseek-embedding-v2"},{"id":"other-model"}]})"));
+    auto window = makeWindow(true);
+    window->present();
+    choose(window->apiProviderBox(), "deepseek");
+    retype(window->baseURLField(), server.url().toString());
+    retype(window->apiKeyField(), "sk-typed");
+
+    QTest::mouseClick(window->fetchModelsButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return !window->isFetchingModels(); }, 10000));
+    EXPECT_EQ(window->modelCompletions()->stringList(),
+              (QStringList{"deepseek-v4-flash", "deepseek-v4-pro"}));
+    EXPECT_EQ(window->modelListResult()->text(), "2 个可用模型");
+    EXPECT_EQ(server.requests().at(0).target, "/models");
+
+    retype(window->modelField(), "deepseek-v3-old");
+    window->fetchModels();
+    ASSERT_TRUE(waitUntil([&] { return !window->isFetchingModels(); }, 10000));
+    EXPECT_EQ(window->modelListResult()->text(), "2 个可用模型；当前填的不在其中");
+
+    server.setFallback(ScriptedResponse::json(200, R"({"data":[]})"));
+    window->fetchModels();
+    ASSERT_TRUE(waitUntil([&] { return !window->isFetchingModels(); }, 10000));
+    EXPECT_EQ(window->modelListResult()->text(), "这家服务没有提供模型列表，请手动填写");
+}
+
 TEST_F(SettingsWindowTest, TheChromeSectionFollowsTheBridgeAndOffersTheExtensionFolder)
 {
     auto window = makeWindow();
@@ -288,11 +399,7 @@ TEST_F(SettingsWindowTest, TheChromeSectionFollowsTheBridgeAndOffersTheExtension
 
     // The host's heartbeat appears while the window is open: the status line follows within seconds.
     RequestStore(directory.filePath("data")).markBridgeActive();
-    QDeadlineTimer deadline(5000);
-    while (window->bridgeStatus()->text() != "● Chrome 已连接" && !deadline.hasExpired()) {
-        QApplication::processEvents(QEventLoop::AllEvents, 50);
-    }
-    EXPECT_EQ(window->bridgeStatus()->text(), "● Chrome 已连接");
+    EXPECT_TRUE(waitUntil([&] { return window->bridgeStatus()->text() == "● Chrome 已连接"; }, 5000));
     EXPECT_EQ(window->bridgeAdvice()->text(), "Chrome 扩展已连接，划词即可发到网页会话。");
 
     QApplication::clipboard()->clear();
@@ -335,14 +442,4 @@ TEST_F(SettingsWindowTest, NothingIsClippedInLightOrDark)
         test::saveScreenshot(window.get(), "settings-refused", appearance);
     }
     test::applyAppearance(Appearance::light);
-}
-
-TEST_F(SettingsWindowTest, TestRequestAndModelListSayTheyComeWithTheNextVersion)
-{
-    auto window = makeWindow();
-    window->present();
-    for (QPushButton* button : {window->testButton(), window->fetchModelsButton()}) {
-        EXPECT_FALSE(button->isEnabled());
-        EXPECT_EQ(button->toolTip(), "测试连接和获取模型列表将随下一版本提供。");
-    }
 }
