@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QRect>
+#include <QString>
+#include <optional>
+#include <vector>
+
+// What another process shows on the X display and tells the accessibility bus, asked from outside
+// the way a user's tools see it.
+namespace velnora::test::DesktopProbe {
+
+struct Window
+{
+    quint32 id = 0;
+    bool topLevel = false; // a child of the root window (no window manager runs in the session)
+    bool viewable = false;
+    QRect geometry; // relative to the parent
+};
+
+// Every window whose _NET_WM_PID is pid.
+std::vector<Window> windowsOf(qint64 pid);
+// The process's tray icon, once a tray host has embedded it.
+std::optional<Window> embeddedTrayIcon(qint64 pid);
+// A shown top-level window of the process at least this large (the card, a settings window).
+std::optional<Window> shownWindow(qint64 pid, int minimumWidth, int minimumHeight);
+
+// The names and texts of every accessible object of the process, one per line, or none when the
+// process is not on the accessibility bus. Each call is bounded by the library's own time-out.
+std::optional<QString> accessibleContent(qint64 pid);
+
+} // namespace velnora::test::DesktopProbe
