@@ -13,7 +13,7 @@ build_packages=(
 )
 session_packages=(
   xvfb xauth dbus dbus-x11 at-spi2-core gnome-keyring libsecret-tools
-  xdotool xclip x11-utils imagemagick fonts-wqy-microhei fonts-noto-cjk
+  xdotool xclip x11-utils imagemagick fonts-wqy-microhei fonts-noto-cjk trayer
   chromium nodejs
   openssl
 )
