@@ -1,0 +1,248 @@
+// Whole-process figures of the tray application, inside scripts/desktop-session.sh:
+//   start to tray icon ready (embedded by trayer), hot key to card shown through AT-SPI and through
+//   PRIMARY (API mode, answered by a loopback proxy that plays the provider), resident memory once the
+//   first explanation is done and the app idles, and CPU used while idle.
+// Usage: bench_app [--runs N] [--idle-seconds S]
+#include "CaptureDesktopSupport.h"
+#include "DesktopProbe.h"
+#include "InterceptingProxy.h"
+#include "config/ConfigurationStore.h"
+#include "config/KeychainStore.h"
+#include "config/ProviderCatalog.h"
+#include "support/TestEnvironment.h"
+
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QUrl>
+#include <X11/keysym.h>
+#include <algorithm>
+#include <cstdio>
+#include <unistd.h>
+#include <vector>
+#include <xcb/xcb.h>
+#include <xcb/xcb_keysyms.h>
+#include <xcb/xtest.h>
+
+using namespace velnora;
+using namespace velnora::test;
+
+namespace {
+
+double median(std::vector<double> values)
+{
+    if (values.empty()) {
+        return -1;
+    }
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+// Ctrl+Alt+E through XTest, straight from this process (no helper process in the measured time).
+void pressHotKey()
+{
+    xcb_connection_t* c = xcb_connect(nullptr, nullptr);
+    xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(c);
+    auto code = [&](xcb_keysym_t sym) {
+        xcb_keycode_t* codes = xcb_key_symbols_get_keycode(symbols, sym);
+        const xcb_keycode_t value = codes ? codes[0] : 0;
+        free(codes);
+        return value;
+    };
+    const xcb_keycode_t keys[] = {code(XK_Control_L), code(XK_Alt_L), code(XK_e)};
+    for (const xcb_keycode_t key : keys) {
+        xcb_test_fake_input(c, XCB_KEY_PRESS, key, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+    }
+    for (int i = 2; i >= 0; --i) {
+        xcb_test_fake_input(c, XCB_KEY_RELEASE, keys[i], XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+    }
+    xcb_flush(c);
+    free(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
+    xcb_key_symbols_free(symbols);
+    xcb_disconnect(c);
+}
+
+// A field of /proc/<pid>/status or smaps_rollup, in kB; -1 when absent.
+long memoryKilobytes(qint64 pid, const char* file, const QByteArray& field)
+{
+    QFile source(QStringLiteral("/proc/%1/%2").arg(pid).arg(QString::fromLatin1(file)));
+    if (!source.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    for (const QByteArray& line : source.readAll().split('\n')) {
+        if (line.startsWith(field + ':')) {
+            return line.mid(field.size() + 1).trimmed().split(' ').first().toLong();
+        }
+    }
+    return -1;
+}
+
+double cpuSeconds(qint64 pid)
+{
+    QFile file(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!file.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    const QByteArray stat = file.readAll();
+    // Fields after the command name, which may hold spaces: utime and stime are the 12th and 13th.
+    const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+    return (fields.value(11).toDouble() + fields.value(12).toDouble()) / double(sysconf(_SC_CLK_TCK));
+}
+
+class Application
+{
+public:
+    Application(const QStringList& command, const QStringList& environmentEntries, const QString& emptyPath)
+    {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("PATH"), emptyPath); // never start a browser
+        for (const QString& entry : environmentEntries) {
+            environment.insert(entry.section(u'=', 0, 0), entry.section(u'=', 1));
+        }
+        m_process.setProcessEnvironment(environment);
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_clock.start();
+        m_process.start(command.first(), command.mid(1));
+        m_process.waitForStarted(5000);
+    }
+    ~Application()
+    {
+        m_process.terminate();
+        if (!spinUntil([&] { return m_process.state() == QProcess::NotRunning; }, 5000)) {
+            m_process.kill();
+            m_process.waitForFinished(2000);
+        }
+    }
+    qint64 pid() const { return m_process.processId(); }
+    // Milliseconds from start until the tray host shows the icon; -1 after 15 s.
+    double trayReadyMs()
+    {
+        return spinUntil([&] { return DesktopProbe::embeddedTrayIcon(pid()).has_value(); }, 15000)
+                   ? m_clock.nsecsElapsed() / 1e6
+                   : -1;
+    }
+
+private:
+    QProcess m_process;
+    QElapsedTimer m_clock;
+};
+
+// Presses the hot key and returns the milliseconds until the card's window is shown; -1 after 10 s.
+double hotKeyToCardMs(qint64 pid)
+{
+    QElapsedTimer clock;
+    clock.start();
+    pressHotKey();
+    const bool shown = spinUntil([&] { return DesktopProbe::shownWindow(pid, 200, 100).has_value(); }, 10000);
+    return shown ? clock.nsecsElapsed() / 1e6 : -1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QApplication application(argc, argv);
+    int runs = 5;
+    int idleSeconds = 60;
+    const QStringList arguments = QCoreApplication::arguments();
+    for (qsizetype i = 1; i + 1 < arguments.size(); ++i) {
+        if (arguments.at(i) == u"--runs") {
+            runs = std::max(1, arguments.at(i + 1).toInt());
+        } else if (arguments.at(i) == u"--idle-seconds") {
+            idleSeconds = std::max(1, arguments.at(i + 1).toInt());
+        }
+    }
+    if (qEnvironmentVariableIsEmpty("DISPLAY") ||
+        QStandardPaths::findExecutable(QStringLiteral("trayer")).isEmpty()) {
+        std::puts("bench_app: skipped (run it inside scripts/desktop-session.sh with trayer installed)");
+        return 0;
+    }
+    TemporaryHome home;
+    QTemporaryDir emptyPath;
+    const QString settingsPath = home.configHome() + QStringLiteral("/tarnwick/velnora-domestic.conf");
+    {
+        ConfigurationStore settings(settingsPath);
+        settings.setDidShowVersion2Setup(true);
+        settings.setExecutionMode(ExecutionMode::api);
+        settings.setApiProviderID(QStringLiteral("doubao"));
+    }
+    KeychainStore().saveAPIKey(QStringLiteral("sk-bench-only"), QStringLiteral("doubao"));
+
+    QProcess trayHost;
+    trayHost.start(QStringLiteral("trayer"),
+                   {QStringLiteral("--edge"), QStringLiteral("bottom"), QStringLiteral("--align"),
+                    QStringLiteral("right"), QStringLiteral("--widthtype"), QStringLiteral("request"),
+                    QStringLiteral("--height"), QStringLiteral("24")});
+    trayHost.waitForStarted(5000);
+    spinFor(500);
+
+    const QString host = QUrl(ProviderDefinition::definition(QStringLiteral("doubao")).defaultBaseURL).host();
+    QString error;
+    const auto authority = InterceptionAuthority::create(host, &error);
+    if (!authority || !InterceptionAuthority::privateTrustAvailable()) {
+        std::printf("bench_app: cannot intercept the provider (%s)\n", qPrintable(error));
+        return 1;
+    }
+    InterceptingProxy proxy(*authority);
+    // A realistic answer: 60 pieces 20 ms apart.
+    QStringList deltas;
+    for (int i = 0; i < 60; ++i) {
+        deltas << QStringLiteral("这是第 %1 段，解释继续。").arg(i);
+    }
+    proxy.setAnswer(InterceptingProxy::responsesStream(deltas), 20);
+    const QStringList command = authority->privateTrustCommand(velnoraBinary(), {});
+    const QStringList environment{QStringLiteral("https_proxy=") + proxy.proxyURL(),
+                                  QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1")};
+
+    std::vector<double> start, viaAccessibility, viaPrimary;
+    // Resident, proportional (shared pages divided among their users) and anonymous memory.
+    long idleResident = -1, idleProportional = -1, idleAnonymous = -1;
+    double idleCpu = -1;
+    for (int run = 0; run < runs; ++run) {
+        {
+            Application app(command, environment, emptyPath.path());
+            start.push_back(app.trayReadyMs());
+            TestClient fields({QStringLiteral("fields")}, true);
+            fields.readyLine();
+            viaAccessibility.push_back(hotKeyToCardMs(app.pid()));
+            if (run == 0) {
+                spinFor(60 * 20 + 2000); // the stream ends, then the app settles
+                idleResident = memoryKilobytes(app.pid(), "status", "VmRSS");
+                idleProportional = memoryKilobytes(app.pid(), "smaps_rollup", "Pss");
+                idleAnonymous = memoryKilobytes(app.pid(), "smaps_rollup", "Anonymous");
+                const double before = cpuSeconds(app.pid());
+                spinFor(idleSeconds * 1000);
+                idleCpu = (cpuSeconds(app.pid()) - before) / idleSeconds * 100.0;
+            }
+        }
+        {
+            Application app(command, environment, emptyPath.path());
+            app.trayReadyMs();
+            // A plain X window holds the focus (nothing on the accessibility bus); PRIMARY has the text.
+            BackgroundTool primary(
+                QStringLiteral("xclip"),
+                {QStringLiteral("-quiet"), QStringLiteral("-selection"), QStringLiteral("primary")},
+                QByteArray("通过主选区读到的文字"));
+            TestClient plain({QStringLiteral("copy")});
+            plain.readyLine();
+            spinFor(100);
+            viaPrimary.push_back(hotKeyToCardMs(app.pid()));
+        }
+    }
+    KeychainStore().saveAPIKey(QString(), QStringLiteral("doubao"));
+    trayHost.terminate();
+    trayHost.waitForFinished(3000);
+
+    std::printf("bench_app: %d runs (median)\n", runs);
+    std::printf("  start to tray icon ready        %8.1f ms\n", median(start));
+    std::printf("  hot key to card shown, AT-SPI   %8.1f ms\n", median(viaAccessibility));
+    std::printf("  hot key to card shown, PRIMARY  %8.1f ms\n", median(viaPrimary));
+    std::printf(
+        "  idle memory after one explanation: resident %.1f MB, proportional %.1f MB, anonymous %.1f MB\n",
+        idleResident / 1024.0, idleProportional / 1024.0, idleAnonymous / 1024.0);
+    std::printf("  idle CPU over %d s                %8.3f %%\n", idleSeconds, idleCpu);
+    return 0;
+}
