@@ -231,3 +231,33 @@ TEST_F(DesktopEndToEndTest, TrayMenuOpensWithItsChineseItems)
 
 } // namespace
 } // namespace velnora
+
+namespace velnora {
+namespace {
+
+TEST_F(DesktopEndToEndTest, PreviewsShowTheCardAtLaunchAndOnRequest)
+{
+    ASSERT_TRUE(startApplication({test::velnoraBinary(), QStringLiteral("--preview-overlay")}));
+    const qint64 pid = m_app.processId();
+    ASSERT_TRUE(spinUntil([&] { return shownWindow(pid, 200, 100).has_value(); }, 10000));
+    const QString launched = accessibleContent(pid).value_or(QString());
+    EXPECT_FALSE(launched.isEmpty());
+
+    // The capsule preview collapses the card: the large window goes away.
+    QProcess pill;
+    pill.start(test::velnoraBinary(), {QStringLiteral("--send-pill-preview")});
+    ASSERT_TRUE(spinUntil([&] { return pill.state() == QProcess::NotRunning; }, 10000));
+    EXPECT_EQ(pill.exitCode(), 0);
+    EXPECT_TRUE(spinUntil([&] { return !shownWindow(pid, 200, 100).has_value(); }, 10000));
+    EXPECT_TRUE(shownWindow(pid, 60, 30).has_value());
+
+    QProcess preview;
+    preview.start(test::velnoraBinary(), {QStringLiteral("--send-preview")});
+    ASSERT_TRUE(spinUntil([&] { return preview.state() == QProcess::NotRunning; }, 10000));
+    EXPECT_EQ(preview.exitCode(), 0);
+    EXPECT_TRUE(spinUntil([&] { return shownWindow(pid, 200, 100).has_value(); }, 10000));
+    screenshot(QStringLiteral("preview-card.png"));
+}
+
+} // namespace
+} // namespace velnora
