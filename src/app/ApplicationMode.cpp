@@ -33,6 +33,13 @@ QString missingDisplayReason()
     return {};
 }
 
+void nameApplication()
+{
+    QApplication::setApplicationName(QStringLiteral("velnora"));
+    QApplication::setApplicationDisplayName(QStringLiteral("澜镜"));
+    QApplication::setApplicationVersion(QStringLiteral(VELNORA_VERSION));
+}
+
 int run(const ProcessArguments& arguments)
 {
     if (const QString reason = missingDisplayReason(); !reason.isEmpty()) {
@@ -40,9 +47,7 @@ int run(const ProcessArguments& arguments)
         return 1;
     }
     QApplication application(arguments.argc(), arguments.argv());
-    QApplication::setApplicationName(QStringLiteral("velnora"));
-    QApplication::setApplicationDisplayName(QStringLiteral("澜镜"));
-    QApplication::setApplicationVersion(QStringLiteral(VELNORA_VERSION));
+    nameApplication();
     QApplication::setQuitOnLastWindowClosed(false);
 
     AppDelegate delegate;

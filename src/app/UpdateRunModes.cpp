@@ -22,9 +22,7 @@ int runUpdatesPreview(const ProcessArguments& arguments)
         return 1;
     }
     QApplication application(arguments.argc(), arguments.argv());
-    QApplication::setApplicationName(QStringLiteral("velnora"));
-    QApplication::setApplicationDisplayName(QStringLiteral("澜镜"));
-    QApplication::setApplicationVersion(QStringLiteral(VELNORA_VERSION));
+    ApplicationMode::nameApplication();
     ProductUpdates updates;
     AboutWindow window(&updates);
     window.present();
