@@ -26,6 +26,7 @@ struct Row
     // Runs the mode and returns the process's exit status. Empty while the mode is not built:
     // such a row is skipped like an unknown flag.
     std::function<int(const ProcessArguments&)> action;
+    const char* help = ""; // for --help: the value it takes, then what it does
 };
 
 const std::vector<Row>& table();
