@@ -5,7 +5,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all deps build run test test-asan bench clean
+.PHONY: all deps build run test test-asan bench package clean
 
 all: build
 
@@ -28,6 +28,10 @@ test-asan: deps
 	cmake --preset asan
 	cmake --build build-asan -j $(JOBS)
 	./scripts/desktop-session.sh ctest --preset asan -j $(JOBS)
+
+# The Debian package (velnora_<version>_amd64.deb in the build folder), from the build the tests use.
+package: build
+	cmake --build $(BUILD_DIR) --target package
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true

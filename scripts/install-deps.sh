@@ -10,12 +10,14 @@ build_packages=(
   libx11-dev libxtst-dev libxi-dev libxfixes-dev
   libxcb1-dev libxcb-keysyms1-dev libxcb-xinput-dev libxcb-xtest0-dev libxcb-xfixes0-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  librsvg2-bin
 )
 session_packages=(
   xvfb xauth dbus dbus-x11 at-spi2-core gnome-keyring libsecret-tools
   xdotool xclip x11-utils imagemagick fonts-wqy-microhei fonts-noto-cjk trayer
   chromium nodejs
   openssl
+  lintian desktop-file-utils
 )
 
 wanted=("${build_packages[@]}")
