@@ -34,69 +34,60 @@ QByteArray json(const QString& text)
 
 } // namespace
 
-TEST(LLMClientRequest, DoubaoResponsesRequestByteForByte)
+TEST(LLMClientRequest, EachProtocolsUrlHeadersAndBodyByteForByte)
 {
-    const PreparedRequest request = LLMClient::makeRequest(official("doubao"), "SYS", conversation());
-    EXPECT_EQ(request.method, "POST");
-    EXPECT_EQ(request.url().toString(QUrl::FullyEncoded),
-              "https://ark.cn-beijing.volces.com/api/v3/responses");
-    EXPECT_EQ(request.header("Content-Type"), "application/json");
-    EXPECT_EQ(request.header("User-Agent"), "Lumaquill-macOS/2.0");
-    EXPECT_EQ(request.header("Authorization"), "Bearer sk-test-123");
-    EXPECT_EQ(request.inactivityTimeout, std::chrono::seconds(120));
-    EXPECT_EQ(request.body,
-              json("{\"input\":[{\"content\":\"解释“熵”\",\"role\":\"user\"},{\"content\":\"熵是……\","
-                   "\"role\":\"assistant\"},"
-                   "{\"content\":\"再简单点\",\"role\":\"user\"}],\"instructions\":\"SYS\\n\\n" +
-                   answerOnly() +
-                   "\",\"model\":\"doubao-seed-2-0-lite-260215\",\"store\":false,\"stream\":true,"
-                   "\"thinking\":{\"type\":\"disabled\"}}"));
-}
-
-TEST(LLMClientRequest, ChatRequestStartsWithTheSystemMessageAndKeepsTheBasePath)
-{
-    const PreparedRequest request = LLMClient::makeRequest(official("qwen"), "SYS", conversation());
-    EXPECT_EQ(request.url().toString(QUrl::FullyEncoded),
-              "https://dashscope.aliyuncs.com/compatible-mode/v1/chat/completions");
-    EXPECT_EQ(request.header("Authorization"), "Bearer sk-test-123");
-    EXPECT_EQ(
-        request.body,
-        json("{\"messages\":[{\"content\":\"SYS\\n\\n" + answerOnly() +
-             "\",\"role\":\"system\"},{\"content\":\"解释“熵”\",\"role\":\"user\"},"
-             "{\"content\":\"熵是……\",\"role\":\"assistant\"},{\"content\":\"再简单点\",\"role\":\"user\"}],"
-             "\"model\":\"qwen3.6-plus\",\"stream\":true}"));
+    const QUrl gateway(QStringLiteral("https://gateway.example.test/v1/"));
+    const QByteArray turns = json("{\"content\":\"解释“熵”\",\"role\":\"user\"},{\"content\":\"熵是……\","
+                                  "\"role\":\"assistant\"},{\"content\":\"再简单点\",\"role\":\"user\"}");
+    const QByteArray system = json("SYS\\n\\n" + answerOnly());
+    struct Case
+    {
+        ResolvedProviderConfiguration provider;
+        QString url;
+        QList<std::pair<QByteArray, QByteArray>> headers;
+        QByteArray body;
+    };
+    const QList<Case> cases{
+        {official("doubao"),
+         "https://ark.cn-beijing.volces.com/api/v3/responses",
+         {{"Authorization", "Bearer sk-test-123"}, {"Content-Type", "application/json"},
+          {"User-Agent", "Lumaquill-macOS/2.0"}},
+         "{\"input\":[" + turns + "],\"instructions\":\"" + system +
+             "\",\"model\":\"doubao-seed-2-0-lite-260215\",\"store\":false,\"stream\":true,"
+             "\"thinking\":{\"type\":\"disabled\"}}"},
+        // The base path is kept and the system text leads the messages.
+        {official("qwen"),
+         "https://dashscope.aliyuncs.com/compatible-mode/v1/chat/completions",
+         {{"Authorization", "Bearer sk-test-123"}},
+         "{\"messages\":[{\"content\":\"" + system + "\",\"role\":\"system\"}," + turns +
+             "],\"model\":\"qwen3.6-plus\",\"stream\":true}"},
+        {loopbackProvider("kimi", ProviderWireProtocol::anthropicMessages, gateway, "kimi-k3", "ak"),
+         "https://gateway.example.test/v1/messages",
+         {{"x-api-key", "ak"}, {"anthropic-version", "2023-06-01"}},
+         "{\"max_tokens\":2000,\"messages\":[" + turns + "],\"model\":\"kimi-k3\",\"stream\":true,\"system\":\"" +
+             system + "\"}"},
+        {loopbackProvider("qwen", ProviderWireProtocol::geminiGenerateContent, gateway, "gemini-3.6-flash", "gk"),
+         "https://gateway.example.test/v1/models/gemini-3.6-flash:streamGenerateContent?alt=sse",
+         {{"x-goog-api-key", "gk"}},
+         json("{\"contents\":[{\"parts\":[{\"text\":\"解释“熵”\"}],\"role\":\"user\"},"
+              "{\"parts\":[{\"text\":\"熵是……\"}],\"role\":\"model\"},{\"parts\":[{\"text\":"
+              "\"再简单点\"}],\"role\":\"user\"}],\"system_instruction\":{\"parts\":[{\"text\":\"") +
+             system + "\"}]}}"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.url.toStdString());
+        const PreparedRequest request = LLMClient::makeRequest(c.provider, "SYS", conversation(), acceptAnyAddress);
+        EXPECT_EQ(request.method, "POST");
+        EXPECT_EQ(request.url().toString(QUrl::FullyEncoded), c.url);
+        EXPECT_EQ(request.inactivityTimeout, std::chrono::seconds(120));
+        for (const auto& [name, value] : c.headers) {
+            EXPECT_EQ(request.header(name), value) << name.toStdString();
+        }
+        EXPECT_EQ(request.body, c.body);
+    }
     // DeepSeek has no path: the endpoint goes right after the host.
     EXPECT_EQ(LLMClient::makeRequest(official("deepseek"), "S", {}).url().toString(),
               "https://api.deepseek.com/chat/completions");
-}
-
-TEST(LLMClientRequest, AnthropicAndGeminiBodiesAndHeaders)
-{
-    const QUrl base(QStringLiteral("https://gateway.example.test/v1/"));
-    auto anthropic = loopbackProvider("kimi", ProviderWireProtocol::anthropicMessages, base, "kimi-k3", "ak");
-    const PreparedRequest a = LLMClient::makeRequest(anthropic, "SYS", conversation(), acceptAnyAddress);
-    EXPECT_EQ(a.url().toString(), "https://gateway.example.test/v1/messages");
-    EXPECT_EQ(a.header("x-api-key"), "ak");
-    EXPECT_EQ(a.header("anthropic-version"), "2023-06-01");
-    EXPECT_FALSE(a.request.hasRawHeader("Authorization"));
-    EXPECT_EQ(
-        a.body,
-        json("{\"max_tokens\":2000,\"messages\":[{\"content\":\"解释“熵”\",\"role\":\"user\"},"
-             "{\"content\":\"熵是……\",\"role\":\"assistant\"},{\"content\":\"再简单点\",\"role\":\"user\"}],"
-             "\"model\":\"kimi-k3\",\"stream\":true,\"system\":\"SYS\\n\\n" +
-             answerOnly() + "\"}"));
-
-    auto gemini =
-        loopbackProvider("qwen", ProviderWireProtocol::geminiGenerateContent, base, "gemini-3.6-flash", "gk");
-    const PreparedRequest g = LLMClient::makeRequest(gemini, "SYS", conversation(), acceptAnyAddress);
-    EXPECT_EQ(g.url().toString(QUrl::FullyEncoded),
-              "https://gateway.example.test/v1/models/gemini-3.6-flash:streamGenerateContent?alt=sse");
-    EXPECT_EQ(g.header("x-goog-api-key"), "gk");
-    EXPECT_EQ(g.body, json("{\"contents\":[{\"parts\":[{\"text\":\"解释“熵”\"}],\"role\":\"user\"},"
-                           "{\"parts\":[{\"text\":\"熵是……\"}],\"role\":\"model\"},{\"parts\":[{\"text\":"
-                           "\"再简单点\"}],\"role\":\"user\"}],"
-                           "\"system_instruction\":{\"parts\":[{\"text\":\"SYS\\n\\n" +
-                           answerOnly() + "\"}]}}"));
 }
 
 TEST(LLMClientRequest, GeminiModelIsPercentEncodedInThePathAndTheQueryStaysAltSse)
@@ -109,19 +100,20 @@ TEST(LLMClientRequest, GeminiModelIsPercentEncodedInThePathAndTheQueryStaysAltSs
         request.url().toString(QUrl::FullyEncoded),
         "https://g.example.test/v1beta/models/my%20model/%C3%A9%3Fx%231%25:streamGenerateContent?alt=sse");
     EXPECT_EQ(request.url().query(QUrl::FullyEncoded), "alt=sse");
-    EXPECT_EQ(LLMClient::endpointPath(ProviderWireProtocol::geminiGenerateContent, "gemini-2.5-pro"),
-              "models/gemini-2.5-pro:streamGenerateContent?alt=sse");
 }
 
 TEST(LLMClientRequest, EndpointJoinsPathPiecesWhateverTheSlashes)
 {
-    const QString expected = "https://h.test/api/v3/chat/completions";
-    EXPECT_EQ(LLMClient::endpoint(QUrl("https://h.test/api/v3"), "chat/completions").toString(), expected);
-    EXPECT_EQ(LLMClient::endpoint(QUrl("https://h.test/api/v3/"), "/chat/completions").toString(), expected);
-    EXPECT_EQ(LLMClient::endpoint(QUrl("https://h.test/api/v3"), "chat//completions/").toString(), expected);
-    EXPECT_EQ(LLMClient::endpoint(QUrl("https://h.test"), "models").toString(), "https://h.test/models");
-    EXPECT_EQ(LLMClient::endpoint(QUrl("https://h.test:8443/x"), "a?b=c").toString(),
-              "https://h.test:8443/x/a?b=c");
+    const QList<std::tuple<const char*, const char*, const char*>> cases{
+        {"https://h.test/api/v3", "chat/completions", "https://h.test/api/v3/chat/completions"},
+        {"https://h.test/api/v3/", "/chat/completions", "https://h.test/api/v3/chat/completions"},
+        {"https://h.test/api/v3", "chat//completions/", "https://h.test/api/v3/chat/completions"},
+        {"https://h.test", "models", "https://h.test/models"},
+        {"https://h.test:8443/x", "a?b=c", "https://h.test:8443/x/a?b=c"},
+    };
+    for (const auto& [base, path, expected] : cases) {
+        EXPECT_EQ(LLMClient::endpoint(QUrl(base), path).toString(), expected) << base << " + " << path;
+    }
 }
 
 TEST(LLMClientRequest, AnswerOnlyInstructionIsAddedOnce)
@@ -231,20 +223,4 @@ TEST(LLMClientRequest, TextThatCannotBeSentIsAnInvalidRequest)
         EXPECT_EQ(error, LLMClientError::invalidRequest());
         EXPECT_EQ(error.description(), QStringLiteral("无法生成模型请求。"));
     }
-}
-
-TEST(LLMClientRequest, RequestsAreEphemeralAndRefuseRedirects)
-{
-    const PreparedRequest request = LLMClient::makeRequest(official("deepseek"), "S", {});
-    EXPECT_EQ(request.request.attribute(QNetworkRequest::RedirectPolicyAttribute).toInt(),
-              QNetworkRequest::ManualRedirectPolicy);
-    EXPECT_EQ(request.request.attribute(QNetworkRequest::CookieLoadControlAttribute).toInt(),
-              QNetworkRequest::Manual);
-    EXPECT_EQ(request.request.attribute(QNetworkRequest::CookieSaveControlAttribute).toInt(),
-              QNetworkRequest::Manual);
-    EXPECT_EQ(request.request.attribute(QNetworkRequest::AuthenticationReuseAttribute).toInt(),
-              QNetworkRequest::Manual);
-    EXPECT_EQ(request.request.attribute(QNetworkRequest::CacheLoadControlAttribute).toInt(),
-              QNetworkRequest::AlwaysNetwork);
-    EXPECT_FALSE(request.request.attribute(QNetworkRequest::CacheSaveControlAttribute).toBool());
 }

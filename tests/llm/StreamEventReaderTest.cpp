@@ -131,23 +131,14 @@ TEST(StreamEventReader, EverySplitPointOfSmallCapturesGivesTheSameText)
     }
 }
 
-TEST(StreamEventReader, AChunkBoundaryInsideAUtf8CharacterIsDecodedOnlyWithItsLine)
+TEST(StreamEventReader, CutsInsideAUtf8CharacterOrBetweenCarriageReturnAndLineFeed)
 {
-    const QByteArray body = chatEvent(QStringLiteral("边际效用")) + chatEvent(QStringLiteral("递减😊"));
-    const qsizetype inside = body.indexOf("边") + 1; // after the first of three bytes
-    const qsizetype insideEmoji = body.indexOf("😊") + 2;
-    const ReadResult result = readSplit(chat, body, {inside, insideEmoji});
+    QByteArray body = chatEvent(QStringLiteral("边际效用")) + chatEvent(QStringLiteral("递减😊"));
+    body.replace("\n", "\r\n");
+    const QList<qsizetype> cuts{body.indexOf("边") + 1, body.indexOf("\r\n") + 1, body.indexOf("😊") + 2};
+    const ReadResult result = readSplit(chat, body, cuts);
     EXPECT_EQ(result.pieces, (QStringList{QStringLiteral("边际效用"), QStringLiteral("递减😊")}));
     EXPECT_FALSE(result.text().contains(QChar::ReplacementCharacter));
-}
-
-TEST(StreamEventReader, CarriageReturnLineFeedSplitBetweenTheTwoBytes)
-{
-    QByteArray body = chatEvent("a") + chatEvent("b");
-    body.replace("\n", "\r\n");
-    const qsizetype betweenCrAndLf = body.indexOf("\r\n") + 1;
-    const ReadResult result = readSplit(chat, body, {betweenCrAndLf, betweenCrAndLf + 2});
-    EXPECT_EQ(result.pieces, (QStringList{"a", "b"}));
 }
 
 TEST(StreamEventReader, MultiLineDataIsJoinedWithLineFeeds)
@@ -223,20 +214,18 @@ TEST(StreamEventReader, AnErrorEventStopsTheReaderAtOnce)
 
 TEST(StreamEventReader, ErrorMessageShapes)
 {
-    using StreamPayload::errorMessage;
-    EXPECT_EQ(errorMessage(QJsonDocument::fromJson(R"({"error":{"message":"m","type":"t"}})").object()), "m");
-    EXPECT_EQ(errorMessage(QJsonDocument::fromJson(R"({"error":{"type":"overloaded_error"}})").object()),
-              "overloaded_error");
-    EXPECT_EQ(errorMessage(QJsonDocument::fromJson(R"({"error":{"code":1}})").object()), std::nullopt);
-    EXPECT_EQ(errorMessage(QJsonDocument::fromJson(R"({"type":"error","message":"top"})").object()), "top");
-    EXPECT_EQ(
-        errorMessage(
-            QJsonDocument::fromJson(R"({"error":"plain string","type":"error","message":"top"})").object()),
-        "top");
-    EXPECT_EQ(
-        errorMessage(QJsonDocument::fromJson(R"({"type":"message","message":"not an error"})").object()),
-        std::nullopt);
-    EXPECT_EQ(errorMessage(QJsonDocument::fromJson(R"({"response":{"error":null}})").object()), std::nullopt);
+    const QList<std::pair<QByteArray, std::optional<QString>>> cases{
+        {R"({"error":{"message":"m","type":"t"}})", "m"},
+        {R"({"error":{"type":"overloaded_error"}})", "overloaded_error"},
+        {R"({"error":{"code":1}})", std::nullopt},
+        {R"({"type":"error","message":"top"})", "top"},
+        {R"({"error":"plain string","type":"error","message":"top"})", "top"},
+        {R"({"type":"message","message":"not an error"})", std::nullopt},
+        {R"({"response":{"error":null}})", std::nullopt},
+    };
+    for (const auto& [body, expected] : cases) {
+        EXPECT_EQ(StreamPayload::errorMessage(QJsonDocument::fromJson(body).object()), expected) << body.toStdString();
+    }
 }
 
 TEST(StreamEventReader, WhitespaceOnlyPiecesAreDeliveredButDoNotCountAsAnAnswer)
