@@ -5,6 +5,7 @@
 #include "app/ControlBus.h"
 #include "app/ControlService.h"
 #include "app/FeedbackPresenter.h"
+#include "app/FirstRunHint.h"
 #include "app/GraphemeText.h"
 #include "app/LaunchAtLogin.h"
 #include "app/ModeResult.h"
@@ -148,10 +149,11 @@ void AppDelegate::applicationDidFinishLaunching(const ProcessArguments& argument
         QMetaObject::invokeMethod(
             this, [this] { explanationCoordinator()->showInterfacePreview(); }, Qt::QueuedConnection);
     }
-    // 10.
-    if (!m_configuration->didShowVersion2Setup()) {
-        m_configuration->setDidShowVersion2Setup(true);
-        openSettings(QStringLiteral("免 Key 网页会话可直接使用；配置 API Key 后可启用原生悬浮卡片。"));
+    // 10. Without a tray the settings window is the only place the user can be told how to go on.
+    if (const std::optional<QString> message =
+            FirstRunHint::takeLaunchMessage(*m_configuration, QSystemTrayIcon::isSystemTrayAvailable(),
+                                            HotKeyChoice::choice(m_configuration->globalHotKeyID()).title)) {
+        openSettings(*message);
     }
 }
 

@@ -84,6 +84,8 @@ QByteArray entryText(const QString& executablePath)
     text += "Icon=velnora\n";
     text += "Terminal=false\n";
     text += "X-GNOME-Autostart-enabled=true\n";
+    // Plasma starts autostart entries in parallel; after the panel, the tray is there to take the icon.
+    text += "X-KDE-autostart-after=panel\n";
     return text;
 }
 
