@@ -21,10 +21,40 @@ std::optional<QString> unreachableBus(const QDBusConnection& bus)
     return QStringLiteral("无法连接到 D-Bus 会话总线（%1）").arg(bus.lastError().message());
 }
 
+constexpr int activationTimeoutMs = 15000;
+
+// A signal starts nobody. Where the package installed the bus's service file, ask the bus to start
+// the application first: it listens before it claims the name, so the signal that follows reaches it.
+std::optional<QString> startIfActivatable(QDBusConnection& bus)
+{
+    QDBusConnectionInterface* interface = bus.interface();
+    const QString service = QString::fromLatin1(serviceName);
+    if (!interface || interface->isServiceRegistered(service).value() ||
+        !interface->activatableServiceNames().value().contains(service)) {
+        return std::nullopt;
+    }
+    QDBusMessage start = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("StartServiceByName"));
+    start << service << 0u;
+    const QDBusMessage reply = bus.call(start, QDBus::Block, activationTimeoutMs);
+    if (reply.type() == QDBusMessage::ErrorMessage) {
+        return QStringLiteral("无法启动澜镜：%1").arg(reply.errorMessage());
+    }
+    return std::nullopt;
+}
+
 int sendMode(const ProcessArguments& arguments, const char* mode, const char* name)
 {
     QCoreApplication application(arguments.argc(), arguments.argv());
-    const std::optional<QString> failure = broadcast(QString::fromLatin1(name));
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    std::optional<QString> failure = unreachableBus(bus);
+    if (!failure) {
+        failure = startIfActivatable(bus);
+    }
+    if (!failure) {
+        failure = broadcast(QString::fromLatin1(name));
+    }
     return ModeResult::report(QString::fromLatin1(mode), failure.value_or(QString()));
 }
 
