@@ -98,17 +98,6 @@ TEST_F(SecretServiceTest, KeysOfProvidersAndServicesStaySeparate)
     store.saveAPIKey("", "glm");
 }
 
-TEST_F(SecretServiceTest, RepairRewritesTheItem)
-{
-    KeychainStore store(service);
-    EXPECT_FALSE(store.repairAccess("ernie"));
-    store.saveAPIKey("sk-e", "ernie");
-    KeychainStore fresh(service);
-    EXPECT_TRUE(fresh.repairAccess("ernie"));
-    EXPECT_EQ(KeychainStore(service).apiKey("ernie"), "sk-e");
-    store.saveAPIKey("", "ernie");
-}
-
 TEST_F(SecretServiceTest, CommandLineRepairOverTheApplicationsItems)
 {
     const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();

@@ -33,8 +33,6 @@ TEST(ProviderCatalog, BuiltInsAreTheSevenServicesInMenuOrder)
         EXPECT_TRUE(AppEdition::modelAllowed(definition.defaultModel, definition.id)) << definition.id.toStdString();
     }
     EXPECT_EQ(ids, (QStringList{"doubao", "deepseek", "qwen", "kimi", "glm", "hunyuan", "ernie"}));
-    EXPECT_EQ(ProviderDefinition::definition("doubao").wireProtocol, ProviderWireProtocol::openAIResponses);
-    EXPECT_EQ(ProviderDefinition::definition("glm").defaultBaseURL, "https://open.bigmodel.cn/api/paas/v4");
 }
 
 TEST(ProviderCatalog, UnknownOrMiscasedIdFallsBackToDoubao)
@@ -42,17 +40,6 @@ TEST(ProviderCatalog, UnknownOrMiscasedIdFallsBackToDoubao)
     EXPECT_EQ(ProviderDefinition::definition("openai").id, "doubao");
     EXPECT_EQ(ProviderDefinition::definition("DeepSeek").id, "doubao");
     EXPECT_EQ(ProviderDefinition::find("DeepSeek"), nullptr);
-}
-
-TEST(ProviderCatalog, TitleTablesCoverNonBuiltInIds)
-{
-    EXPECT_EQ(ProviderDefinition::platformTitle("hunyuan"), "API 直连");
-    EXPECT_EQ(ProviderDefinition::platformTitle("ernie"), "API 直连");
-    EXPECT_EQ(ProviderDefinition::platformTitle("custom"), "OpenAI 兼容");
-    EXPECT_EQ(ProviderDefinition::definition("doubao").platformTitle(), "火山方舟");
-    EXPECT_EQ(ProviderDefinition::definition("deepseek").compactTitle(), "DeepSeek");
-    EXPECT_EQ(ProviderDefinition::definition("hunyuan").compactTitle(), "腾讯混元");
-    EXPECT_EQ(ProviderDefinition::compactTitle("anthropic", "x"), "Claude");
 }
 
 TEST(ProviderCatalog, RawValuesRoundTripAndRejectUnknownStrings)
@@ -64,9 +51,6 @@ TEST(ProviderCatalog, RawValuesRoundTripAndRejectUnknownStrings)
     EXPECT_EQ(fromRawValue<ProviderWireProtocol>(u"openaichat"), std::nullopt);
     EXPECT_EQ(fromRawValue<BrowserProvider>(u"ernie"), BrowserProvider::ernie);
     EXPECT_EQ(fromRawValue<BrowserProvider>(u"openai"), std::nullopt);
-    EXPECT_EQ(allCases<ExplanationDepth>().size(), 3u);
-    EXPECT_EQ(depthInstruction(ExplanationDepth::fast),
-              "优先快速回答。先用一句话说明核心含义，只补充理解所必需的信息。");
 }
 
 TEST(AppEdition, ModelFamiliesAreMatchedCaseInsensitivelyByPrefix)
@@ -104,7 +88,6 @@ TEST(PromptLibrary, NormalisationKeepsUserTextAndUpgradesOldDefaults)
 {
     const QString defaultPrompt = PromptLibrary::defaultSystemPrompt();
     EXPECT_TRUE(defaultPrompt.startsWith(QString::fromUtf8(PromptLibrary::openingSentence)));
-    EXPECT_EQ(defaultPrompt.count(u'\n'), 14);
     EXPECT_EQ(PromptLibrary::normalizedSystemPrompt(" \n\t \n"), defaultPrompt);
     EXPECT_EQ(PromptLibrary::normalizedSystemPrompt(defaultPrompt), defaultPrompt);
     EXPECT_EQ(PromptLibrary::normalizedSystemPrompt("\n  请用英文回答。  \n"), "请用英文回答。");
