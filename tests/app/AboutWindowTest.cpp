@@ -18,7 +18,6 @@
 #include <gtest/gtest.h>
 
 using namespace velnora;
-using velnora::test::Appearance;
 using velnora::test::LoopbackHttpServer;
 using velnora::test::ScriptedResponse;
 using velnora::test::waitUntil;
@@ -63,7 +62,7 @@ protected:
 
 } // namespace
 
-TEST_F(AboutWindowTest, ShowsTheVersionAndTheInitialSentences)
+TEST_F(AboutWindowTest, ShowsTheVersionAndNoDownloadBeforeACheck)
 {
     window.present();
     const QStringList texts = [this] {
@@ -76,8 +75,6 @@ TEST_F(AboutWindowTest, ShowsTheVersionAndTheInitialSentences)
     EXPECT_TRUE(texts.contains("澜镜"));
     EXPECT_TRUE(
         texts.contains("版本 " + ProductRelease::version() + "（构建 " + ProductRelease::build() + "）"));
-    EXPECT_EQ(window.extensionStatusLabel()->text(), "点击检查扩展更新，核实当前安装版本。");
-    EXPECT_TRUE(window.windowFlags().testFlag(Qt::Tool));
     EXPECT_FALSE(window.downloadButton()->isVisibleTo(&window));
 }
 
@@ -90,9 +87,8 @@ TEST_F(AboutWindowTest, ExtensionButtonRunsTheCheckAndIsDisabledMeanwhile)
     EXPECT_FALSE(window.checkExtensionButton()->isEnabled());
     EXPECT_EQ(window.extensionStatusLabel()->text(), "正在检查扩展更新…");
     ASSERT_TRUE(waitUntil([this] { return window.checkExtensionButton()->isEnabled(); }));
-    EXPECT_EQ(window.extensionStatusLabel()->text(),
-              "当前扩展 2.9.0，可更新至 2.11.1。此版本需要升级才能完整配合应用。"
-              "商店安装由 Chrome 更新；手动加载请按更新指引替换并重新加载。");
+    // The sentences themselves are checked with ProductUpdates; this one shows the status file was read.
+    EXPECT_TRUE(window.extensionStatusLabel()->text().startsWith("当前扩展 2.9.0，可更新至 2.11.1。"));
 }
 
 TEST_F(AboutWindowTest, ApplicationButtonOffersTheDownloadOnlyForANewerBuild)
@@ -121,13 +117,5 @@ TEST_F(AboutWindowTest, NothingIsClippedInLightOrDark)
     updates.checkApplication();
     ASSERT_TRUE(
         waitUntil([this] { return !updates.isCheckingExtension() && !updates.isCheckingApplication(); }));
-    for (const Appearance appearance : {Appearance::light, Appearance::dark}) {
-        test::applyAppearance(appearance);
-        window.adjustSize();
-        QApplication::processEvents();
-        EXPECT_EQ(test::clippedTexts(&window), QStringList())
-            << test::appearanceName(appearance).toStdString();
-        test::saveScreenshot(&window, "about", appearance);
-    }
-    test::applyAppearance(Appearance::light);
+    EXPECT_EQ(test::clippedInEitherAppearance(&window, "about"), QStringList());
 }

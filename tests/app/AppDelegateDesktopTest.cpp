@@ -32,6 +32,19 @@ using test::waitUntil;
 const QStringList deliveryTexts{QStringLiteral("Chrome 没有运行"), QStringLiteral("Chrome 扩展未安装"),
                                 QStringLiteral("Chrome 扩展未连接"), QStringLiteral("Chrome 连接配置需修复")};
 
+// The event loop runs meanwhile: the child may talk to this process over the bus.
+std::pair<int, QByteArray> runVelnora(const QStringList& arguments)
+{
+    QProcess process;
+    process.start(test::velnoraBinary(), arguments);
+    if (!waitUntil([&] { return process.state() == QProcess::NotRunning; }, 15000)) {
+        process.kill();
+        process.waitForFinished(2000);
+        return {-1, QByteArray()};
+    }
+    return {process.exitCode(), process.readAllStandardOutput()};
+}
+
 class AppDelegateDesktopTest : public ::testing::Test
 {
 protected:
@@ -233,32 +246,20 @@ TEST_F(AppDelegateDesktopTest, TheRuntimeStatusIsRewrittenWhileRunning)
 TEST_F(AppDelegateDesktopTest, OneShotProcessesDriveTheRunningInstance)
 {
     auto delegate = launch();
-    auto run = [](const QStringList& arguments) {
-        QProcess process;
-        process.start(test::velnoraBinary(), arguments);
-        // The event loop must run: the child talks to this process over the bus.
-        if (!waitUntil([&] { return process.state() == QProcess::NotRunning; }, 15000)) {
-            process.kill();
-            process.waitForFinished(2000);
-            return std::make_pair(-1, QByteArray());
-        }
-        return std::make_pair(process.exitCode(), process.readAllStandardOutput());
-    };
-
     const auto explained =
-        run({QStringLiteral("--explain-selection"), QStringLiteral("  从命令行来的文字 ")});
+        runVelnora({QStringLiteral("--explain-selection"), QStringLiteral("  从命令行来的文字 ")});
     EXPECT_EQ(explained.first, 0);
     EXPECT_EQ(explained.second, "explain-selection: ok\n");
     ASSERT_TRUE(waitUntil([&] { return pending().size() == 1; }, 3000));
     EXPECT_EQ(pending().front().request.text, QStringLiteral("从命令行来的文字"));
 
-    const auto translation = run({QStringLiteral("--send-translation-self-test")});
+    const auto translation = runVelnora({QStringLiteral("--send-translation-self-test")});
     EXPECT_EQ(translation.first, 0);
     ASSERT_TRUE(waitUntil([&] { return pending().size() == 2; }, 3000));
     EXPECT_EQ(pending().back().request.text, AppDelegate::translationCheckText());
 
     EXPECT_EQ(delegate->settingsWindow(), nullptr);
-    const auto settings = run({QStringLiteral("--send-settings")});
+    const auto settings = runVelnora({QStringLiteral("--send-settings")});
     EXPECT_EQ(settings.first, 0);
     EXPECT_EQ(settings.second, "send-settings: ok\n");
     ASSERT_TRUE(waitUntil(
@@ -266,19 +267,16 @@ TEST_F(AppDelegateDesktopTest, OneShotProcessesDriveTheRunningInstance)
     delegate->settingsWindow()->hide();
 
     // A second application instance hands over to this one and leaves.
-    const auto second = run({});
+    const auto second = runVelnora({});
     EXPECT_EQ(second.first, 0);
     EXPECT_TRUE(waitUntil([&] { return delegate->settingsWindow()->isVisible(); }, 3000));
 }
 
 TEST_F(AppDelegateDesktopTest, WithoutARunningInstanceExplainSelectionSaysSo)
 {
-    QProcess process;
-    process.start(test::velnoraBinary(), {QStringLiteral("--explain-selection")});
-    ASSERT_TRUE(process.waitForFinished(15000));
-    EXPECT_EQ(process.exitCode(), 2);
-    EXPECT_TRUE(QString::fromUtf8(process.readAllStandardOutput())
-                    .startsWith(QStringLiteral("explain-selection: 澜镜没有在运行")));
+    const auto result = runVelnora({QStringLiteral("--explain-selection")});
+    EXPECT_EQ(result.first, 2);
+    EXPECT_TRUE(QString::fromUtf8(result.second).startsWith(QStringLiteral("explain-selection: 澜镜没有在运行")));
 }
 
 } // namespace

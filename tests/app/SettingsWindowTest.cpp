@@ -27,7 +27,6 @@
 #include <gtest/gtest.h>
 
 using namespace velnora;
-using velnora::test::Appearance;
 using velnora::test::LoopbackHttpServer;
 using velnora::test::ScriptedResponse;
 using velnora::test::waitUntil;
@@ -166,9 +165,7 @@ TEST_F(SettingsWindowTest, SavingWritesTheChangedKeysAndAnOverrideWithoutDefault
     EXPECT_EQ(keys,
               (QStringList{"apiProviderV2", "executionModeV2", "explanationDepthV2", "providerOverridesV2"}));
     EXPECT_EQ(configuration.executionMode(), ExecutionMode::api);
-    EXPECT_EQ(configuration.apiProviderID(), "deepseek");
     EXPECT_EQ(configuration.explanationDepth(), ExplanationDepth::deep);
-    EXPECT_EQ(configuration.providerOverrides().keys(), QStringList{"deepseek"});
     EXPECT_EQ(seenOverride, (ProviderOverride{"", "deepseek-v4-pro"}));
     EXPECT_EQ(configuration.resolvedProvider("sk").model, "deepseek-v4-pro");
 
@@ -371,8 +368,10 @@ TEST_F(SettingsWindowTest, TheModelListBecomesTheCompletionsWithItsSentence)
     retype(window->baseURLField(), server.url().toString());
     retype(window->apiKeyField(), "sk-typed");
 
+    const auto fetched = [&] { return waitUntil([&] { return !window->isFetchingModels(); }, 10000); };
+
     QTest::mouseClick(window->fetchModelsButton(), Qt::LeftButton);
-    ASSERT_TRUE(waitUntil([&] { return !window->isFetchingModels(); }, 10000));
+    ASSERT_TRUE(fetched());
     EXPECT_EQ(window->modelCompletions()->stringList(),
               (QStringList{"deepseek-v4-flash", "deepseek-v4-pro"}));
     EXPECT_EQ(window->modelListResult()->text(), "2 个可用模型");
@@ -380,12 +379,12 @@ TEST_F(SettingsWindowTest, TheModelListBecomesTheCompletionsWithItsSentence)
 
     retype(window->modelField(), "deepseek-v3-old");
     window->fetchModels();
-    ASSERT_TRUE(waitUntil([&] { return !window->isFetchingModels(); }, 10000));
+    ASSERT_TRUE(fetched());
     EXPECT_EQ(window->modelListResult()->text(), "2 个可用模型；当前填的不在其中");
 
     server.setFallback(ScriptedResponse::json(200, R"({"data":[]})"));
     window->fetchModels();
-    ASSERT_TRUE(waitUntil([&] { return !window->isFetchingModels(); }, 10000));
+    ASSERT_TRUE(fetched());
     EXPECT_EQ(window->modelListResult()->text(), "这家服务没有提供模型列表，请手动填写");
 }
 
@@ -418,28 +417,14 @@ TEST_F(SettingsWindowTest, NothingIsClippedInLightOrDark)
                     SettingsWindow::Tone::info);
     auto* tabs = window->findChild<QTabWidget*>();
     ASSERT_NE(tabs, nullptr);
-    for (const Appearance appearance : {Appearance::light, Appearance::dark}) {
-        test::applyAppearance(appearance);
-        for (int page = 0; page < tabs->count(); ++page) {
-            tabs->setCurrentIndex(page);
-            QApplication::processEvents();
-            window->adjustSize();
-            QApplication::processEvents();
-            EXPECT_EQ(test::clippedTexts(window.get()), QStringList())
-                << test::appearanceName(appearance).toStdString() << " page " << page;
-            test::saveScreenshot(window.get(), page == 0 ? "settings-general" : "settings-api", appearance);
-        }
+    for (int page = 0; page < tabs->count(); ++page) {
+        tabs->setCurrentIndex(page);
+        EXPECT_EQ(test::clippedInEitherAppearance(window.get(), page == 0 ? "settings-general" : "settings-api"),
+                  QStringList())
+            << "page " << page;
     }
     // A refused save, as the user sees it.
     retype(window->baseURLField(), "https://proxy.example.com/v1");
     window->save();
-    for (const Appearance appearance : {Appearance::light, Appearance::dark}) {
-        test::applyAppearance(appearance);
-        QApplication::processEvents();
-        window->adjustSize();
-        QApplication::processEvents();
-        EXPECT_EQ(test::clippedTexts(window.get()), QStringList());
-        test::saveScreenshot(window.get(), "settings-refused", appearance);
-    }
-    test::applyAppearance(Appearance::light);
+    EXPECT_EQ(test::clippedInEitherAppearance(window.get(), "settings-refused"), QStringList());
 }

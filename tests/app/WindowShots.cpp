@@ -9,6 +9,9 @@
 #include <QWidget>
 
 namespace velnora::test {
+namespace {
+
+enum class Appearance { light, dark };
 
 void applyAppearance(Appearance appearance)
 {
@@ -65,15 +68,28 @@ QStringList clippedTexts(QWidget* root)
     return clipped;
 }
 
-void saveScreenshot(QWidget* window, const QString& name, Appearance appearance)
+} // namespace
+
+QStringList clippedInEitherAppearance(QWidget* window, const QString& name)
 {
+    QStringList clipped;
     const QString directory = qEnvironmentVariable("VELNORA_SCREENSHOT_DIR");
-    if (directory.isEmpty()) {
-        return;
+    for (const Appearance appearance : {Appearance::light, Appearance::dark}) {
+        applyAppearance(appearance);
+        QApplication::processEvents();
+        window->adjustSize();
+        QApplication::processEvents();
+        for (const QString& text : clippedTexts(window)) {
+            clipped << appearanceName(appearance) + QStringLiteral(": ") + text;
+        }
+        if (!directory.isEmpty()) {
+            QDir().mkpath(directory);
+            window->grab().save(
+                QDir(directory).filePath(name + u'-' + appearanceName(appearance) + QStringLiteral(".png")));
+        }
     }
-    QDir().mkpath(directory);
-    window->grab().save(
-        QDir(directory).filePath(name + u'-' + appearanceName(appearance) + QStringLiteral(".png")));
+    applyAppearance(Appearance::light);
+    return clipped;
 }
 
 } // namespace velnora::test

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QPalette>
 #include <QString>
 #include <QStringList>
 
@@ -8,15 +7,9 @@ class QWidget;
 
 namespace velnora::test {
 
-// The light and the dark look the windows are checked in (Fusion with a light or a dark palette).
-enum class Appearance { light, dark };
-void applyAppearance(Appearance appearance);
-QString appearanceName(Appearance appearance);
-
-// Texts of visible labels and buttons that do not fit the space they were given.
-QStringList clippedTexts(QWidget* root);
-
-// Saves a grab of the window as <name>-<appearance>.png in $VELNORA_SCREENSHOT_DIR, when that is set.
-void saveScreenshot(QWidget* window, const QString& name, Appearance appearance);
+// Lays the window out in the light and then the dark look (Fusion with either palette) and returns the
+// texts of visible labels and buttons that do not fit, each prefixed with the look. Saves a grab of each
+// look as <name>-<look>.png in $VELNORA_SCREENSHOT_DIR when that is set. Leaves the light look applied.
+QStringList clippedInEitherAppearance(QWidget* window, const QString& name);
 
 } // namespace velnora::test
