@@ -15,12 +15,9 @@ TEST(HotKeyChoiceTest, StoredIdsMapToTheirCombinationAndAnythingElseToTheDefault
     for (const std::optional<QString>& id : {std::optional<QString>(), std::optional<QString>(QString()),
                                              std::optional<QString>(QStringLiteral("Control-Option-E")),
                                              std::optional<QString>(QStringLiteral("option-command-e "))}) {
-        const HotKeyChoice& choice = HotKeyChoice::choice(id);
-        EXPECT_EQ(choice.id, QStringLiteral("option-command-e"));
-        EXPECT_EQ(choice.title, QStringLiteral("Ctrl+Alt+E"));
-        EXPECT_EQ(choice.modifiers, Qt::ControlModifier | Qt::AltModifier);
+        EXPECT_EQ(&HotKeyChoice::choice(id), &HotKeyChoice::all().front());
     }
-    ASSERT_EQ(HotKeyChoice::all().size(), 3u);
+    // The default's combination is pressed for real in GlobalHotKeyDesktopTest.
     EXPECT_EQ(HotKeyChoice::all().front().id, QStringLiteral("option-command-e"));
 }
 
