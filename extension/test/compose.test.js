@@ -8,8 +8,6 @@ const depth = '先用一句话说明核心含义，再根据材料难度补充�
 test('instruction, depth, then the trimmed material between the tags', () => {
   const message = composeExplainMessage('  边际效用递减\n', depth);
   assert.equal(message, `${TEACHER_INSTRUCTION}\n${depth}\n\n<待解释材料>\n边际效用递减\n</待解释材料>`);
-  assert.match(TEACHER_INSTRUCTION, /老师/);
-  assert.match(TEACHER_INSTRUCTION, /简体中文/);
 });
 
 test('inner line breaks and tag-like text in the material are kept verbatim', () => {
