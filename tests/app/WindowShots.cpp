@@ -1,5 +1,7 @@
 #include "WindowShots.h"
 
+#include "overlay/OverlayStyle.h"
+
 #include <QAbstractButton>
 #include <QApplication>
 #include <QDir>
@@ -20,20 +22,8 @@ void applyAppearance(Appearance appearance)
         QApplication::setPalette(QApplication::style()->standardPalette());
         return;
     }
-    QPalette dark;
-    dark.setColor(QPalette::Window, QColor(0x2b, 0x2b, 0x2e));
-    dark.setColor(QPalette::WindowText, QColor(0xe8, 0xe8, 0xea));
-    dark.setColor(QPalette::Base, QColor(0x1e, 0x1e, 0x21));
-    dark.setColor(QPalette::AlternateBase, QColor(0x33, 0x33, 0x37));
-    dark.setColor(QPalette::Text, QColor(0xe8, 0xe8, 0xea));
-    dark.setColor(QPalette::PlaceholderText, QColor(0x9a, 0x9a, 0xa0));
-    dark.setColor(QPalette::Button, QColor(0x3a, 0x3a, 0x3e));
-    dark.setColor(QPalette::ButtonText, QColor(0xe8, 0xe8, 0xea));
-    dark.setColor(QPalette::Highlight, QColor(0x3d, 0x7b, 0xd9));
-    dark.setColor(QPalette::HighlightedText, Qt::white);
-    dark.setColor(QPalette::Link, QColor(0x8a, 0xb4, 0xf8));
-    dark.setColor(QPalette::ToolTipBase, QColor(0x3a, 0x3a, 0x3e));
-    dark.setColor(QPalette::ToolTipText, QColor(0xe8, 0xe8, 0xea));
+    // The card's own dark look, with greyed disabled controls so the shots show them as users do.
+    QPalette dark = OverlayStyle::darkPalette();
     dark.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x80, 0x80, 0x86));
     dark.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x80, 0x80, 0x86));
     dark.setColor(QPalette::Disabled, QPalette::Text, QColor(0x80, 0x80, 0x86));
