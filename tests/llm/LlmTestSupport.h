@@ -1,7 +1,6 @@
 #pragma once
 
 #include "config/ResolvedProviderConfiguration.h"
-#include "llm/ProviderResult.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/TestEnvironment.h"
 
@@ -9,63 +8,37 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QThread>
 #include <gtest/gtest.h>
 #include <optional>
 
-// Readable failure messages for Qt strings.
-inline void PrintTo(const QString& text, std::ostream* out)
-{
-    *out << '"' << text.toStdString() << '"';
-}
-inline void PrintTo(const QByteArray& bytes, std::ostream* out)
-{
-    *out << '"' << bytes.toStdString() << '"';
-}
-
 namespace velnora::test {
-
-inline QString captureDir()
-{
-    return sourceDir() + QStringLiteral("/tests/data/wire-captures");
-}
 
 inline QByteArray captureBytes(const QString& name)
 {
-    QFile file(captureDir() + u'/' + name);
-    if (!file.open(QIODevice::ReadOnly)) {
-        ADD_FAILURE() << "missing capture " << name.toStdString();
-        return {};
-    }
+    QFile file(sourceDir() + QStringLiteral("/tests/data/wire-captures/") + name);
+    EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << name.toStdString();
     return file.readAll();
 }
 
+// A recorded service body and what the rules make of it.
 struct CaptureExpectation
 {
     QString name;
     ProviderWireProtocol protocol;
     QString text;
-    std::optional<QString> error;
+    QStringList errors; // the error event's message, if the stream ends in one
 };
 
 inline QList<CaptureExpectation> captureExpectations()
 {
-    QFile file(captureDir() + QStringLiteral("/rule-texts.json"));
-    if (!file.open(QIODevice::ReadOnly)) {
-        ADD_FAILURE() << "missing rule-texts.json";
-        return {};
-    }
-    const QJsonObject all = QJsonDocument::fromJson(file.readAll()).object();
+    const QJsonObject all = QJsonDocument::fromJson(captureBytes(QStringLiteral("rule-texts.json"))).object();
     QList<CaptureExpectation> list;
     for (auto it = all.begin(); it != all.end(); ++it) {
         const QJsonObject entry = it.value().toObject();
-        CaptureExpectation expectation{
-            it.key(), *fromRawValue<ProviderWireProtocol>(entry.value("protocol").toString()),
-            entry.value("text").toString(), std::nullopt};
-        if (entry.value("error").isString()) {
-            expectation.error = entry.value("error").toString();
-        }
-        list.append(expectation);
+        list.append(
+            {it.key(), *fromRawValue<ProviderWireProtocol>(entry.value("protocol").toString()),
+             entry.value("text").toString(),
+             entry.value("error").isString() ? QStringList{entry.value("error").toString()} : QStringList()});
     }
     return list;
 }
@@ -83,40 +56,20 @@ loopbackProvider(const QString& id, ProviderWireProtocol protocol, const QUrl& b
     return {definition, base.toString(), model, key};
 }
 
-// Records what a stream delivers, and checks that every call arrives on the main thread and that no
-// delta follows the completion.
-struct StreamRecorder
+// A loopback server that the developer's proxy variables cannot divert requests from.
+class LoopbackTest : public ::testing::Test
 {
-    QStringList deltas;
-    std::optional<StreamResult> result;
-    int completions = 0;
-    bool offMainThread = false;
-    bool deltaAfterCompletion = false;
+protected:
+    LoopbackTest()
+    {
+        for (const char* name : {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY", "all_proxy",
+                                 "ALL_PROXY", "no_proxy", "NO_PROXY"}) {
+            m_environment.unset(name);
+        }
+    }
 
-    QString text() const { return deltas.join(QString()); }
-
-    auto deltaHandler()
-    {
-        return [this](const QString& text) {
-            offMainThread =
-                offMainThread || QThread::currentThread() != QCoreApplication::instance()->thread();
-            deltaAfterCompletion = deltaAfterCompletion || completions > 0;
-            deltas.append(text);
-        };
-    }
-    auto completionHandler()
-    {
-        return [this](const StreamResult& outcome) {
-            offMainThread =
-                offMainThread || QThread::currentThread() != QCoreApplication::instance()->thread();
-            ++completions;
-            result = outcome;
-        };
-    }
-    bool waitForCompletion(int timeoutMs = 10000)
-    {
-        return waitUntil([this] { return completions > 0; }, timeoutMs);
-    }
+    EnvironmentGuard m_environment;
+    LoopbackHttpServer m_server;
 };
 
 } // namespace velnora::test

@@ -1,115 +1,14 @@
 #include "LoopbackHttpServer.h"
 
-#include <QCoreApplication>
-#include <QDeadlineTimer>
-#include <QElapsedTimer>
-#include <QFile>
 #include <QMutex>
-#include <QPointer>
-#include <QProcess>
 #include <QQueue>
-#include <QSslSocket>
 #include <QTcpServer>
-#include <QTemporaryDir>
+#include <QTcpSocket>
+#include <QTest>
 #include <QThread>
 #include <QTimer>
-#include <sys/socket.h>
 
 namespace velnora::test {
-
-namespace {
-
-QByteArray standardReason(int status)
-{
-    switch (status) {
-    case 200:
-        return "OK";
-    case 301:
-        return "Moved Permanently";
-    case 302:
-        return "Found";
-    case 307:
-        return "Temporary Redirect";
-    case 308:
-        return "Permanent Redirect";
-    case 400:
-        return "Bad Request";
-    case 401:
-        return "Unauthorized";
-    case 402:
-        return "Payment Required";
-    case 403:
-        return "Forbidden";
-    case 404:
-        return "Not Found";
-    case 429:
-        return "Too Many Requests";
-    case 500:
-        return "Internal Server Error";
-    case 502:
-        return "Bad Gateway";
-    case 503:
-        return "Service Unavailable";
-    default:
-        return "Status";
-    }
-}
-
-// The body cut into the pieces the response asks for.
-QList<QByteArray> pieces(const ScriptedResponse& response, const QByteArray& body)
-{
-    QList<QByteArray> result;
-    if (!response.splitAt.isEmpty()) {
-        qsizetype from = 0;
-        for (qsizetype at : response.splitAt) {
-            at = std::clamp<qsizetype>(at, from, body.size());
-            if (at > from) {
-                result.append(body.mid(from, at - from));
-            }
-            from = at;
-        }
-        if (from < body.size()) {
-            result.append(body.mid(from));
-        }
-    } else if (response.pieceSize > 0) {
-        for (qsizetype from = 0; from < body.size(); from += response.pieceSize) {
-            result.append(body.mid(from, response.pieceSize));
-        }
-    } else if (!body.isEmpty()) {
-        result.append(body);
-    }
-    return result;
-}
-
-class TcpOrTlsServer : public QTcpServer
-{
-public:
-    explicit TcpOrTlsServer(std::optional<TlsIdentity> identity) : m_identity(std::move(identity)) {}
-
-protected:
-    void incomingConnection(qintptr descriptor) override
-    {
-        if (!m_identity) {
-            QTcpServer::incomingConnection(descriptor);
-            return;
-        }
-        auto* socket = new QSslSocket(this);
-        if (!socket->setSocketDescriptor(descriptor)) {
-            delete socket;
-            return;
-        }
-        socket->setLocalCertificate(m_identity->certificate);
-        socket->setPrivateKey(m_identity->key);
-        socket->setPeerVerifyMode(QSslSocket::VerifyNone);
-        addPendingConnection(socket);
-        socket->startServerEncryption();
-    }
-
-private:
-    std::optional<TlsIdentity> m_identity;
-};
-
-} // namespace
 
 std::optional<QByteArray> RecordedRequest::header(const QByteArray& name) const
 {
@@ -121,362 +20,144 @@ std::optional<QByteArray> RecordedRequest::header(const QByteArray& name) const
     return std::nullopt;
 }
 
-QByteArray RecordedRequest::rawHeaders() const
-{
-    QByteArray text;
-    for (const auto& [key, value] : headers) {
-        text += key + ": " + value + "\n";
-    }
-    return text;
-}
-
-ScriptedResponse ScriptedResponse::stream(QByteArray body, qsizetype pieceSize)
-{
-    ScriptedResponse response;
-    response.body = std::move(body);
-    response.pieceSize = pieceSize;
-    return response;
-}
-
-ScriptedResponse ScriptedResponse::json(int status, QByteArray body)
-{
-    ScriptedResponse response;
-    response.status = status;
-    response.contentType = "application/json";
-    response.framing = Framing::contentLength;
-    response.body = std::move(body);
-    return response;
-}
-
-ScriptedResponse ScriptedResponse::html(int status, QByteArray body)
-{
-    ScriptedResponse response = json(status, std::move(body));
-    response.contentType = "text/html; charset=utf-8";
-    return response;
-}
-
-ScriptedResponse ScriptedResponse::redirect(int status, const QByteArray& location)
-{
-    ScriptedResponse response = json(status, QByteArray());
-    response.contentType = "text/plain";
-    response.headers.append({"Location", location});
-    return response;
-}
-
-// Lives on the server thread. Shared lists are guarded by m_mutex.
+// Lives on the server thread. The shared members are guarded by mutex.
 class LoopbackHttpServer::Worker : public QObject
 {
 public:
-    explicit Worker(std::optional<TlsIdentity> identity) : m_server(std::move(identity))
+    quint16 listen()
     {
-        m_server.setParent(this);
-        QObject::connect(&m_server, &QTcpServer::pendingConnectionAvailable, this, &Worker::accept);
+        QObject::connect(m_server, &QTcpServer::newConnection, this, &Worker::accept);
+        return m_server->listen(QHostAddress::LocalHost, 0) ? m_server->serverPort() : 0;
     }
 
-    quint16 listen() { return m_server.listen(QHostAddress::LocalHost, 0) ? m_server.serverPort() : 0; }
-
+    // Accepted sockets are the server's children.
     void closeAll()
     {
-        for (const QPointer<QTcpSocket>& socket : m_sockets) {
-            if (socket) {
-                socket->abort();
-                socket->deleteLater();
-            }
+        for (QTcpSocket* socket : m_server->findChildren<QTcpSocket*>()) {
+            socket->abort();
         }
-        m_sockets.clear();
     }
 
-    mutable QMutex m_mutex;
-    QQueue<ScriptedResponse> m_queue;
-    ScriptedResponse m_fallback = ScriptedResponse::json(404, "{}");
-    QList<RecordedRequest> m_requests;
-    int m_connections = 0;
+    mutable QMutex mutex;
+    QQueue<ScriptedResponse> queue;
+    ScriptedResponse fallback = ScriptedResponse::json(404, "{}");
+    QList<RecordedRequest> requests;
 
 private:
-    struct Connection
-    {
-        QByteArray input;
-        bool responding = false;
-    };
-
     void accept()
     {
-        while (QTcpSocket* socket = m_server.nextPendingConnection()) {
-            {
-                QMutexLocker lock(&m_mutex);
-                ++m_connections;
-            }
-            m_sockets.append(socket);
-            auto connection = std::make_shared<Connection>();
-            QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket, connection] {
-                connection->input += socket->readAll();
-                serveNext(socket, connection);
-            });
+        while (QTcpSocket* socket = m_server->nextPendingConnection()) {
+            QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket] { serve(socket); });
             QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-            if (socket->bytesAvailable() > 0) {
-                connection->input += socket->readAll();
-                serveNext(socket, connection);
-            }
         }
     }
 
-    // Parses one complete request from the connection's input, if there is one, and answers it.
-    void serveNext(QTcpSocket* socket, const std::shared_ptr<Connection>& connection)
+    // Takes one complete request off the socket, if one is there, and answers it. Clients here send the
+    // next request on a connection only after the previous answer, so one at a time is enough.
+    void serve(QTcpSocket* socket)
     {
-        if (connection->responding) {
-            return;
-        }
-        const qsizetype headerEnd = connection->input.indexOf("\r\n\r\n");
+        const QByteArray input = socket->peek(socket->bytesAvailable());
+        const qsizetype headerEnd = input.indexOf("\r\n\r\n");
         if (headerEnd < 0) {
             return;
         }
-        const QList<QByteArray> lines = connection->input.left(headerEnd).split('\n');
         RecordedRequest request;
+        const QList<QByteArray> lines = input.left(headerEnd).split('\n');
         const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
         request.method = requestLine.value(0);
         request.target = requestLine.value(1);
-        qsizetype contentLength = 0;
-        for (qsizetype i = 1; i < lines.size(); ++i) {
-            const QByteArray line = lines.at(i).trimmed();
+        for (const QByteArray& line : lines.mid(1)) {
             const qsizetype colon = line.indexOf(':');
-            if (colon <= 0) {
-                continue;
-            }
-            const QByteArray name = line.left(colon).trimmed();
-            const QByteArray value = line.mid(colon + 1).trimmed();
-            request.headers.append({name, value});
-            if (name.compare("Content-Length", Qt::CaseInsensitive) == 0) {
-                contentLength = value.toLongLong();
-            }
+            request.headers.append({line.left(colon).trimmed(), line.mid(colon + 1).trimmed()});
         }
-        if (connection->input.size() < headerEnd + 4 + contentLength) {
+        const qsizetype length = headerEnd + 4 + request.header("Content-Length").value_or("0").toLongLong();
+        if (input.size() < length) {
             return; // the body is still on its way
         }
-        request.body = connection->input.mid(headerEnd + 4, contentLength);
-        connection->input.remove(0, headerEnd + 4 + contentLength);
-
+        request.body = socket->read(length).mid(headerEnd + 4);
         ScriptedResponse response;
         {
-            QMutexLocker lock(&m_mutex);
-            m_requests.append(request);
-            response = m_queue.isEmpty() ? m_fallback : m_queue.dequeue();
+            QMutexLocker lock(&mutex);
+            requests.append(request);
+            response = queue.isEmpty() ? fallback : queue.dequeue();
         }
-        connection->responding = true;
-        respond(socket, connection, response);
+        respond(socket, response);
     }
 
-    void respond(QTcpSocket* socket, const std::shared_ptr<Connection>& connection,
-                 const ScriptedResponse& response)
+    static void respond(QTcpSocket* socket, const ScriptedResponse& response)
     {
-        const bool partial = response.ending != ScriptedResponse::Ending::complete;
-        const QByteArray sent = partial ? response.body.left(response.endAfter) : response.body;
-        QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status) + ' ' +
-                          (response.reason.isEmpty() ? standardReason(response.status) : response.reason) +
-                          "\r\n";
-        if (!response.contentType.isEmpty()) {
-            head += "Content-Type: " + response.contentType + "\r\n";
-        }
-        switch (response.framing) {
-        case ScriptedResponse::Framing::chunked:
-            head += "Transfer-Encoding: chunked\r\n";
-            break;
-        case ScriptedResponse::Framing::contentLength:
-            head += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n";
-            break;
-        case ScriptedResponse::Framing::untilClose:
-            head += "Connection: close\r\n";
-            break;
-        }
-        for (const auto& [name, value] : response.headers) {
-            head += name + ": " + value + "\r\n";
-        }
-        head += "\r\n";
-        socket->write(head);
+        const bool complete = response.ending == ScriptedResponse::Ending::complete;
+        const QByteArray sent = complete ? response.body : response.body.left(response.endAfter);
+        QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status) +
+                          " Scripted\r\nContent-Type: " + response.contentType + "\r\n" + response.headers;
+        head += response.chunked ? QByteArray("Transfer-Encoding: chunked\r\n")
+                                 : "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n";
+        socket->write(head + "\r\n");
 
         QList<QByteArray> frames;
-        for (const QByteArray& piece : pieces(response, sent)) {
-            if (response.framing == ScriptedResponse::Framing::chunked) {
-                frames.append(QByteArray::number(piece.size(), 16) + "\r\n" + piece + "\r\n");
-            } else {
-                frames.append(piece);
-            }
+        const qsizetype size =
+            response.pieceSize > 0 ? response.pieceSize : std::max<qsizetype>(sent.size(), 1);
+        for (qsizetype from = 0; from < sent.size(); from += size) {
+            const QByteArray piece = sent.mid(from, size);
+            frames.append(response.chunked ? QByteArray::number(piece.size(), 16) + "\r\n" + piece + "\r\n"
+                                           : piece);
         }
-        QPointer<QTcpSocket> guard(socket);
-        auto finishResponse = [this, guard, connection, response] {
-            if (!guard) {
-                return;
-            }
-            switch (response.ending) {
-            case ScriptedResponse::Ending::stall:
-                return; // keep the connection open and silent
-            case ScriptedResponse::Ending::drop:
-                guard->disconnectFromHost();
-                return;
-            case ScriptedResponse::Ending::reset: {
-                guard->flush();
-                const linger immediately{1, 0}; // close with RST instead of FIN
-                ::setsockopt(int(guard->socketDescriptor()), SOL_SOCKET, SO_LINGER, &immediately,
-                             sizeof immediately);
-                guard->abort();
-                return;
-            }
-            case ScriptedResponse::Ending::complete:
-                break;
-            }
-            if (response.framing == ScriptedResponse::Framing::chunked) {
-                guard->write("0\r\n\r\n");
-            }
-            if (response.framing == ScriptedResponse::Framing::untilClose) {
-                guard->disconnectFromHost();
-                return;
-            }
-            connection->responding = false;
-            serveNext(guard, connection);
-        };
-        if (response.pieceDelayMs <= 0) {
-            for (const QByteArray& frame : frames) {
-                socket->write(frame);
-            }
-            finishResponse();
-            return;
+        if (complete && response.chunked) {
+            frames.append("0\r\n\r\n");
         }
-        // One frame per tick, each flushed before the pause.
-        auto remaining = std::make_shared<QList<QByteArray>>(frames);
-        auto* timer = new QTimer(socket);
-        timer->setInterval(response.pieceDelayMs);
-        QObject::connect(timer, &QTimer::timeout, socket, [timer, guard, remaining, finishResponse] {
-            if (!guard) {
-                return;
-            }
-            if (remaining->isEmpty()) {
-                timer->stop();
-                timer->deleteLater();
-                finishResponse();
-                return;
-            }
-            guard->write(remaining->takeFirst());
-            guard->flush();
-        });
-        if (!remaining->isEmpty()) {
-            socket->write(remaining->takeFirst());
-            socket->flush();
+        // After the last frame a dropped answer closes the connection; a stalled one stays silent.
+        const bool drop = response.ending == ScriptedResponse::Ending::drop;
+        for (qsizetype i = 0; i <= frames.size(); ++i) {
+            QTimer::singleShot(int(i) * response.pieceDelayMs, socket, [socket, frames, drop, i] {
+                if (i < frames.size()) {
+                    socket->write(frames.at(i));
+                } else if (drop) {
+                    socket->disconnectFromHost();
+                }
+            });
         }
-        timer->start();
     }
 
-    TcpOrTlsServer m_server;
-    QList<QPointer<QTcpSocket>> m_sockets;
+    QTcpServer* m_server = new QTcpServer(this);
 };
 
-std::optional<TlsIdentity> TlsIdentity::createThrowaway(const QTemporaryDir& dir, QString* error)
+LoopbackHttpServer::LoopbackHttpServer() : m_thread(std::make_unique<QThread>()), m_worker(new Worker)
 {
-    const QString keyPath = dir.filePath(QStringLiteral("loopback-key.pem"));
-    const QString certificatePath = dir.filePath(QStringLiteral("loopback-cert.pem"));
-    QProcess openssl;
-    openssl.start(
-        QStringLiteral("openssl"),
-        {QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"), QStringLiteral("ec"),
-         QStringLiteral("-pkeyopt"), QStringLiteral("ec_paramgen_curve:prime256v1"), QStringLiteral("-nodes"),
-         QStringLiteral("-keyout"), keyPath, QStringLiteral("-out"), certificatePath, QStringLiteral("-days"),
-         QStringLiteral("2"), QStringLiteral("-subj"), QStringLiteral("/CN=127.0.0.1"),
-         QStringLiteral("-addext"), QStringLiteral("subjectAltName=IP:127.0.0.1,DNS:localhost")});
-    if (!openssl.waitForFinished(30000) || openssl.exitStatus() != QProcess::NormalExit ||
-        openssl.exitCode() != 0) {
-        if (error) {
-            *error = QStringLiteral("openssl failed: ") + openssl.errorString() + u' ' +
-                     QString::fromLocal8Bit(openssl.readAllStandardError());
-        }
-        return std::nullopt;
-    }
-    QFile keyFile(keyPath);
-    QFile certificateFile(certificatePath);
-    if (!keyFile.open(QIODevice::ReadOnly) || !certificateFile.open(QIODevice::ReadOnly)) {
-        if (error) {
-            *error = QStringLiteral("cannot read the generated files");
-        }
-        return std::nullopt;
-    }
-    TlsIdentity identity{QSslCertificate(certificateFile.readAll(), QSsl::Pem),
-                         QSslKey(keyFile.readAll(), QSsl::Ec, QSsl::Pem)};
-    if (identity.certificate.isNull() || identity.key.isNull()) {
-        if (error) {
-            *error = QStringLiteral("generated certificate or key does not load");
-        }
-        return std::nullopt;
-    }
-    return identity;
-}
-
-LoopbackHttpServer::LoopbackHttpServer()
-{
-    startWorker(std::nullopt);
-}
-
-LoopbackHttpServer::LoopbackHttpServer(const TlsIdentity& identity) : m_tls(true)
-{
-    startWorker(identity);
-}
-
-void LoopbackHttpServer::startWorker(std::optional<TlsIdentity> identity)
-{
-    m_thread = std::make_unique<QThread>();
-    m_thread->setObjectName(QStringLiteral("loopback-http-server"));
-    m_worker = new Worker(std::move(identity));
     m_worker->moveToThread(m_thread.get());
     m_thread->start();
     QMetaObject::invokeMethod(
         m_worker, [this] { m_port = m_worker->listen(); }, Qt::BlockingQueuedConnection);
 }
 
+// The worker (with its server and sockets) is deleted when its thread finishes.
 LoopbackHttpServer::~LoopbackHttpServer()
 {
-    QMetaObject::invokeMethod(
-        m_worker,
-        [worker = m_worker] {
-            worker->closeAll();
-            delete worker;
-        },
-        Qt::BlockingQueuedConnection);
+    m_worker->deleteLater();
     m_thread->quit();
     m_thread->wait();
 }
 
 QUrl LoopbackHttpServer::url(const QString& path) const
 {
-    return QUrl(QStringLiteral("%1://127.0.0.1:%2%3")
-                    .arg(m_tls ? QStringLiteral("https") : QStringLiteral("http"))
-                    .arg(m_port)
-                    .arg(path));
+    return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_port).arg(path));
 }
 
 void LoopbackHttpServer::enqueue(ScriptedResponse response)
 {
-    QMutexLocker lock(&m_worker->m_mutex);
-    m_worker->m_queue.enqueue(std::move(response));
+    QMutexLocker lock(&m_worker->mutex);
+    m_worker->queue.enqueue(std::move(response));
 }
 
 void LoopbackHttpServer::setFallback(ScriptedResponse response)
 {
-    QMutexLocker lock(&m_worker->m_mutex);
-    m_worker->m_fallback = std::move(response);
+    QMutexLocker lock(&m_worker->mutex);
+    m_worker->fallback = std::move(response);
 }
 
 QList<RecordedRequest> LoopbackHttpServer::requests() const
 {
-    QMutexLocker lock(&m_worker->m_mutex);
-    return m_worker->m_requests;
-}
-
-int LoopbackHttpServer::requestCount() const
-{
-    QMutexLocker lock(&m_worker->m_mutex);
-    return int(m_worker->m_requests.size());
-}
-
-int LoopbackHttpServer::connectionCount() const
-{
-    QMutexLocker lock(&m_worker->m_mutex);
-    return m_worker->m_connections;
+    QMutexLocker lock(&m_worker->mutex);
+    return m_worker->requests;
 }
 
 bool LoopbackHttpServer::waitForRequests(int count, int timeoutMs) const
@@ -492,15 +173,7 @@ void LoopbackHttpServer::closeConnections()
 
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
 {
-    QDeadlineTimer deadline(timeoutMs);
-    while (!condition()) {
-        if (deadline.hasExpired()) {
-            return condition();
-        }
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-        QThread::msleep(1);
-    }
-    return true;
+    return QTest::qWaitFor(condition, timeoutMs);
 }
 
 } // namespace velnora::test

@@ -1,9 +1,6 @@
 #include "TestEnvironment.h"
 
 #include <QDir>
-#include <QStandardPaths>
-
-#include <cstdlib>
 
 namespace velnora::test {
 
@@ -18,25 +15,14 @@ EnvironmentGuard::~EnvironmentGuard()
     }
 }
 
-void EnvironmentGuard::remember(const char* name)
+void EnvironmentGuard::change(const char* name, const std::optional<QByteArray>& value)
 {
-    Saved saved{QByteArray(name), std::nullopt};
-    if (qEnvironmentVariableIsSet(name)) {
-        saved.value = qgetenv(name);
+    m_saved.push_back({name, qEnvironmentVariableIsSet(name) ? std::optional(qgetenv(name)) : std::nullopt});
+    if (value) {
+        qputenv(name, *value);
+    } else {
+        qunsetenv(name);
     }
-    m_saved.push_back(std::move(saved));
-}
-
-void EnvironmentGuard::set(const char* name, const QByteArray& value)
-{
-    remember(name);
-    qputenv(name, value);
-}
-
-void EnvironmentGuard::unset(const char* name)
-{
-    remember(name);
-    qunsetenv(name);
 }
 
 TemporaryHome::TemporaryHome()
@@ -56,14 +42,12 @@ TemporaryHome::TemporaryHome()
 
 QString velnoraBinary()
 {
-    const QString fromEnvironment = qEnvironmentVariable("VELNORA_BINARY");
-    return fromEnvironment.isEmpty() ? QStringLiteral(VELNORA_TEST_BINARY) : fromEnvironment;
+    return QStringLiteral(VELNORA_TEST_BINARY);
 }
 
 QString sourceDir()
 {
-    const QString fromEnvironment = qEnvironmentVariable("VELNORA_SOURCE_DIR");
-    return fromEnvironment.isEmpty() ? QStringLiteral(VELNORA_TEST_SOURCE_DIR) : fromEnvironment;
+    return QStringLiteral(VELNORA_TEST_SOURCE_DIR);
 }
 
 } // namespace velnora::test

@@ -3,7 +3,6 @@
 #include <QByteArray>
 #include <QString>
 #include <QTemporaryDir>
-
 #include <optional>
 #include <vector>
 
@@ -18,8 +17,8 @@ public:
     EnvironmentGuard& operator=(const EnvironmentGuard&) = delete;
     ~EnvironmentGuard();
 
-    void set(const char* name, const QByteArray& value);
-    void unset(const char* name);
+    void set(const char* name, const QByteArray& value) { change(name, value); }
+    void unset(const char* name) { change(name, std::nullopt); }
 
 private:
     struct Saved
@@ -27,7 +26,7 @@ private:
         QByteArray name;
         std::optional<QByteArray> value;
     };
-    void remember(const char* name);
+    void change(const char* name, const std::optional<QByteArray>& value);
     std::vector<Saved> m_saved;
 };
 
@@ -40,7 +39,6 @@ public:
     QString path() const { return m_directory.path(); }
     QString filePath(const QString& relative) const { return m_directory.filePath(relative); }
     QString configHome() const { return filePath(QStringLiteral(".config")); }
-    QString dataHome() const { return filePath(QStringLiteral(".local/share")); }
 
 private:
     QTemporaryDir m_directory;

@@ -1,10 +1,7 @@
 #include "TestEnvironment.h"
 
 #include <gtest/gtest.h>
-
-#include <algorithm>
 #include <optional>
-#include <string_view>
 
 #ifdef VELNORA_TEST_GUI
 #include <QApplication>
@@ -21,14 +18,11 @@ int main(int argc, char** argv)
 #endif
     // Every test binary lives in a throwaway home, so nothing reaches the developer's settings.
     velnora::test::TemporaryHome home;
+    testing::InitGoogleTest(&argc, argv);
     // Listing the cases (ctest's discovery) needs no application, so it works without a display.
-    const bool listing = std::any_of(argv, argv + argc, [](const char* argument) {
-        return std::string_view(argument) == "--gtest_list_tests";
-    });
     std::optional<TestApplication> application;
-    if (!listing) {
+    if (!GTEST_FLAG_GET(list_tests)) {
         application.emplace(argc, argv);
     }
-    testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
