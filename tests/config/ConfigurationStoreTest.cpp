@@ -1,12 +1,12 @@
-#include "config/ConfigurationError.h"
 #include "config/ConfigurationStore.h"
-#include "config/PromptLibrary.h"
 
+#include "config/ConfigurationError.h"
+#include "config/PromptLibrary.h"
 #include "support/TestEnvironment.h"
 
+#include <QProcess>
 #include <QSettings>
 #include <QSignalSpy>
-
 #include <gtest/gtest.h>
 
 using namespace velnora;
@@ -19,48 +19,36 @@ protected:
     test::TemporaryHome home;
     QString path = home.filePath("settings.conf");
     ConfigurationStore store{path};
-
-    void setRaw(const char* key, const QVariant& value)
-    {
-        QSettings raw(path, QSettings::IniFormat);
-        raw.setValue(QLatin1String(key), value);
-        raw.sync();
-        store.settings().sync();
-    }
-
-    ConfigurationError::Kind resolveFailure(const QString& key)
-    {
-        try {
-            store.resolvedProvider(key);
-        } catch (const ConfigurationError& error) {
-            return error.kind();
-        }
-        ADD_FAILURE() << "resolution succeeded";
-        return ConfigurationError::Kind::editionRestricted;
-    }
 };
 
 } // namespace
 
-TEST_F(ConfigurationStoreTest, DefaultSettingsFileFollowsXdgConfigHome)
+// The application's own checks of the edition policy (every built-in default passes; http,
+// queries and foreign models do not) and of the settings (defaults, overrides equal to the
+// defaults dropped, resolution with an override).
+TEST(ConfigSelfTestModes, EditionAndSettingsChecksPass)
 {
-    EXPECT_EQ(ConfigurationStore::defaultSettingsPath(), home.configHome() + "/tarnwick/velnora-domestic.conf");
+    for (const QString mode : {"edition-self-test", "settings-self-test"}) {
+        QProcess process;
+        process.start(test::velnoraBinary(), {"--" + mode});
+        ASSERT_TRUE(process.waitForFinished(30000));
+        EXPECT_EQ(process.readAllStandardOutput().toStdString(), mode.toStdString() + ": ok\n");
+    }
 }
 
-TEST_F(ConfigurationStoreTest, AbsentCorruptAndForeignValuesReadAsDefaults)
+TEST_F(ConfigurationStoreTest, CorruptAndForeignValuesReadAsDefaults)
 {
-    EXPECT_EQ(store.executionMode(), ExecutionMode::browser);
-    EXPECT_EQ(store.browserProvider(), BrowserProvider::doubao);
-    EXPECT_EQ(store.apiProviderID(), "doubao");
-    EXPECT_EQ(store.explanationDepth(), ExplanationDepth::balanced);
-    EXPECT_EQ(store.systemPrompt(), PromptLibrary::defaultSystemPrompt());
-    EXPECT_FALSE(store.didShowVersion2Setup());
-
-    setRaw(ConfigurationStore::Keys::executionMode, "API");
-    setRaw(ConfigurationStore::Keys::explanationDepth, "thorough");
-    setRaw(ConfigurationStore::Keys::browserProvider, 42);
-    setRaw(ConfigurationStore::Keys::providerOverrides, QByteArray("{not json"));
-    setRaw(ConfigurationStore::Keys::lastKnownGoodProvider, QByteArray(R"({"providerID":"kimi","model":7})"));
+    EXPECT_EQ(ConfigurationStore::defaultSettingsPath(),
+              home.configHome() + "/tarnwick/velnora-domestic.conf");
+    using Keys = ConfigurationStore::Keys;
+    QSettings raw(path, QSettings::IniFormat);
+    raw.setValue(Keys::executionMode, "API");
+    raw.setValue(Keys::explanationDepth, "thorough");
+    raw.setValue(Keys::browserProvider, 42);
+    raw.setValue(Keys::providerOverrides, QByteArray("{not json"));
+    raw.setValue(Keys::lastKnownGoodProvider, QByteArray(R"({"providerID":"kimi","model":7})"));
+    raw.sync();
+    store.settings().sync();
     EXPECT_EQ(store.executionMode(), ExecutionMode::browser);
     EXPECT_EQ(store.explanationDepth(), ExplanationDepth::balanced);
     EXPECT_EQ(store.browserProvider(), BrowserProvider::doubao);
@@ -68,112 +56,79 @@ TEST_F(ConfigurationStoreTest, AbsentCorruptAndForeignValuesReadAsDefaults)
     EXPECT_EQ(store.lastKnownGoodProvider(), std::nullopt);
 
     // Values written by hand (as plain strings) are understood too.
-    setRaw(ConfigurationStore::Keys::providerOverrides, QString(R"({"qwen":{"baseURL":"","model":"qwen-max"},"x":3})"));
+    raw.setValue(Keys::providerOverrides, QString(R"({"qwen":{"baseURL":"","model":"qwen-max"},"x":3})"));
+    raw.sync();
+    store.settings().sync();
     EXPECT_EQ(store.providerOverride("qwen"), (ProviderOverride{"", "qwen-max"}));
 }
 
-TEST_F(ConfigurationStoreTest, ValuesPersistUnderTheirKeysAndEveryWriteIsAnnounced)
+TEST_F(ConfigurationStoreTest, EveryWriteIsAnnouncedAndSurvivesAReopen)
 {
     QSignalSpy changes(&store, &ConfigurationStore::configurationDidChange);
+    const KnownGoodProvider record{"qwen", "https://dashscope.aliyuncs.com/compatible-mode/v1", "qwen-max"};
     store.setExecutionMode(ExecutionMode::api);
     store.setBrowserProvider(BrowserProvider::glm);
     store.setApiProviderID("kimi");
     store.setExplanationDepth(ExplanationDepth::deep);
+    store.setSystemPrompt("  只用一句话解释。\n");
     store.setDidShowVersion2Setup(true);
-    EXPECT_EQ(changes.count(), 5);
+    store.setLastKnownGoodProvider(record);
+    EXPECT_EQ(changes.count(), 7);
 
+    // Files written by earlier versions use these keys.
     QSettings raw(path, QSettings::IniFormat);
     EXPECT_EQ(raw.value("executionModeV2").toString(), "api");
-    EXPECT_EQ(raw.value("browserProviderV2").toString(), "glm");
     EXPECT_EQ(raw.value("apiProviderV2").toString(), "kimi");
-    EXPECT_EQ(raw.value("explanationDepthV2").toString(), "deep");
 
     ConfigurationStore reopened(path);
-    EXPECT_EQ(reopened.executionMode(), ExecutionMode::api);
     EXPECT_EQ(reopened.explanationDepth(), ExplanationDepth::deep);
+    EXPECT_EQ(reopened.systemPrompt(), "只用一句话解释。");
     EXPECT_TRUE(reopened.didShowVersion2Setup());
-}
+    EXPECT_EQ(reopened.lastKnownGoodProvider(), record);
 
-TEST_F(ConfigurationStoreTest, SystemPromptIsStoredNormalised)
-{
-    store.setSystemPrompt("  只用一句话解释。\n");
-    EXPECT_EQ(store.systemPrompt(), "只用一句话解释。");
-    store.setSystemPrompt("\n\n");
-    EXPECT_EQ(store.systemPrompt(), PromptLibrary::defaultSystemPrompt());
-}
-
-TEST_F(ConfigurationStoreTest, OverridesNeverRepeatDefaults)
-{
-    const ProviderDefinition& kimi = ProviderDefinition::definition("kimi");
-    store.saveProviderOverride("kimi", kimi.defaultBaseURL, "moonshot-v1-8k");
-    EXPECT_EQ(store.providerOverride("kimi"), (ProviderOverride{"", "moonshot-v1-8k"}));
-
-    store.saveProviderOverride("glm", "https://example.invalid/v4", "glm-5.2");
-    EXPECT_EQ(store.providerOverride("glm"), (ProviderOverride{"https://example.invalid/v4", ""}));
-
-    // Back to the defaults: the entry disappears, the other one stays.
-    store.saveProviderOverride("kimi", kimi.defaultBaseURL, kimi.defaultModel);
-    EXPECT_EQ(store.providerOverride("kimi"), std::nullopt);
-    EXPECT_EQ(store.providerOverrides().keys(), QStringList{"glm"});
-
-    QSettings raw(path, QSettings::IniFormat);
-    EXPECT_EQ(raw.value("providerOverridesV2").toByteArray(), R"({"glm":{"baseURL":"https://example.invalid/v4","model":""}})");
-}
-
-TEST_F(ConfigurationStoreTest, ResolutionUsesOverridesAndTrims)
-{
-    store.setApiProviderID("kimi");
-    store.saveProviderOverride("kimi", "", "moonshot-v1-8k");
-    const ResolvedProviderConfiguration resolved = store.resolvedProvider("  sk-test\n");
-    EXPECT_EQ(resolved.definition.id, "kimi");
-    EXPECT_EQ(resolved.baseURL, "https://api.moonshot.cn/v1");
-    EXPECT_EQ(resolved.model, "moonshot-v1-8k");
-    EXPECT_EQ(resolved.apiKey, "sk-test");
-
-    store.setApiProviderID("deepseek");
-    EXPECT_EQ(store.resolvedProvider("k").model, "deepseek-v4-flash");
-}
-
-TEST_F(ConfigurationStoreTest, ResolutionFailsInTheDocumentedOrder)
-{
-    using Kind = ConfigurationError::Kind;
-    // A provider outside the catalogue fails before anything else is looked at.
-    store.setApiProviderID("openai");
-    EXPECT_EQ(resolveFailure(""), Kind::editionRestricted);
-
-    store.setApiProviderID("glm");
-    store.saveProviderOverride("glm", "http://open.bigmodel.cn/api/paas/v4", "   ");
-    EXPECT_EQ(resolveFailure(""), Kind::invalidBaseURL);
-    store.saveProviderOverride("glm", "not a url at all", "");
-    EXPECT_EQ(resolveFailure("k"), Kind::invalidBaseURL);
-
-    store.saveProviderOverride("glm", "", " \n ");
-    EXPECT_EQ(resolveFailure(""), Kind::missingModel); // the model is judged before the key
-    store.saveProviderOverride("glm", "", "");
-    EXPECT_EQ(resolveFailure(" \t"), Kind::missingAPIKey);
-
-    store.saveProviderOverride("glm", "https://open.bigmodel.cn/api/paas/v4/", "chatglm-pro");
-    EXPECT_EQ(resolveFailure("k"), Kind::editionRestricted);
-    store.saveProviderOverride("glm", "https://proxy.example.com/v4", "");
-    EXPECT_EQ(resolveFailure("k"), Kind::editionRestricted);
-}
-
-TEST_F(ConfigurationStoreTest, KnownGoodRecordRoundTripsAndCanBeCleared)
-{
-    const KnownGoodProvider record{"qwen", "https://dashscope.aliyuncs.com/compatible-mode/v1", "qwen-max"};
-    store.setLastKnownGoodProvider(record);
-    EXPECT_EQ(ConfigurationStore(path).lastKnownGoodProvider(), record);
     store.setLastKnownGoodProvider(std::nullopt);
-    EXPECT_EQ(store.lastKnownGoodProvider(), std::nullopt);
+    EXPECT_EQ(changes.count(), 8);
     EXPECT_FALSE(QSettings(path, QSettings::IniFormat).contains("lastKnownGoodProviderV1"));
 }
 
-TEST_F(ConfigurationStoreTest, AdoptCopiesOnlyWhatTheTargetLacks)
+TEST_F(ConfigurationStoreTest, OldDefaultPromptsGainTheOutputRuleOnce)
 {
-    store.setExplanationDepth(ExplanationDepth::fast);
-    ConfigurationStore::adopt({{"explanationDepthV2", "deep"}, {"legacyFlag", true}, {"apiProviderV2", "glm"}},
-                              store.settings());
-    EXPECT_EQ(store.explanationDepth(), ExplanationDepth::fast);
-    EXPECT_EQ(store.apiProviderID(), "glm");
-    EXPECT_TRUE(QSettings(path, QSettings::IniFormat).value("legacyFlag").toBool());
+    const QString oldCustom = QString::fromUtf8(PromptLibrary::openingSentence) + "请多举例子。";
+    store.setSystemPrompt("  " + oldCustom + "\n");
+    const QString upgraded = oldCustom + "\n- " + QString::fromUtf8(PromptLibrary::outputRule);
+    EXPECT_EQ(store.systemPrompt(), upgraded);
+    store.setSystemPrompt(upgraded);
+    EXPECT_EQ(store.systemPrompt(), upgraded);
+}
+
+TEST_F(ConfigurationStoreTest, ResolutionRefusesForeignAddressesAndFailsInOrder)
+{
+    using Kind = ConfigurationError::Kind;
+    const struct
+    {
+        const char* provider;
+        const char* baseURL;
+        const char* model;
+        const char* key;
+        Kind expected;
+    } cases[] = {
+        {"kimi", "", "kimi", "k", Kind::editionRestricted}, // the family needs its hyphen
+        {"kimi", "https://API.moonshot.cn/v1", "", "k", Kind::editionRestricted},
+        {"kimi", "https://user:pw@api.moonshot.cn/v1", "", "k", Kind::editionRestricted},
+        {"kimi", "https://proxy.example.com/v1", "", "k", Kind::editionRestricted},
+        {"openai", "", "", "", Kind::editionRestricted}, // outside the catalogue: nothing else is looked at
+        {"glm", "http://open.bigmodel.cn/api/paas/v4", "   ", "", Kind::invalidBaseURL},
+        {"glm", "", " \n ", "", Kind::missingModel}, // the model is judged before the key
+        {"glm", "", "", " \t", Kind::missingAPIKey},
+    };
+    for (const auto& c : cases) {
+        store.setApiProviderID(c.provider);
+        store.saveProviderOverride(c.provider, c.baseURL, c.model);
+        try {
+            store.resolvedProvider(c.key);
+            ADD_FAILURE() << "resolved " << c.baseURL << " " << c.model;
+        } catch (const ConfigurationError& error) {
+            EXPECT_EQ(error.kind(), c.expected) << c.baseURL << " " << c.model;
+        }
+    }
 }

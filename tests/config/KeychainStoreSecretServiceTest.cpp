@@ -1,187 +1,185 @@
 // Against the real Secret Service of the private test session (gnome-keyring).
 #include "app/KeychainRepairCommand.h"
 #include "config/KeychainStore.h"
-#include "config/ProviderCatalog.h"
 #include "config/SecretServiceBackend.h"
-
 #include "support/TestEnvironment.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
+#include <QLocalServer>
 #include <QProcess>
 #include <QUuid>
-
 #include <gtest/gtest.h>
 
 using namespace velnora;
 
 namespace {
 
-class SecretServiceTest : public testing::Test
+// Exit code and standard output of a program that must finish; with a bus address, the program
+// runs as a child of these tests on that bus.
+std::pair<int, QString> run(const QString& program, const QStringList& arguments,
+                            const QString& busAddress = {})
 {
-protected:
-    void SetUp() override
-    {
-        if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) {
-            FAIL() << "needs the private session: run under scripts/desktop-session.sh";
-        }
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    if (!busAddress.isEmpty()) {
+        environment.insert("VELNORA_TEST_CHILD", "1");
+        environment.insert("DBUS_SESSION_BUS_ADDRESS", busAddress);
     }
-    // A service name of its own, so tests running side by side never see each other's items.
-    QString service = "velnora.test." + QUuid::createUuid().toString(QUuid::WithoutBraces);
-};
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(program, arguments);
+    EXPECT_TRUE(process.waitForFinished(30000)) << program.toStdString();
+    return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput())};
+}
 
 QString secretToolLookup(const QString& service, const QString& account)
 {
-    QProcess process;
-    process.start("secret-tool", {"lookup", "service", service, "account", account});
-    process.waitForFinished(10000);
-    return QString::fromUtf8(process.readAllStandardOutput());
+    return run("secret-tool", {"lookup", "service", service, "account", account}).second;
 }
 
-struct RunResult
+// A service name of its own, so tests running side by side never see each other's items.
+QString uniqueService()
 {
-    int exitCode;
-    QString out;
-    QString err;
+    return "velnora.test." + QUuid::createUuid().toString(QUuid::WithoutBraces);
+}
+
+// A store on the real daemon whose reads of a secret can be made to fail with `forced` or to
+// return `readBack`: statuses the daemon will not produce on demand.
+struct InjectedStore
+{
+    int32_t forced = 0;
+    QByteArray readBack;
+    KeychainStore store{uniqueService()};
+
+    InjectedStore()
+    {
+        store.copyItem = [this](const KeychainQuery& query, QByteArray* secret) {
+            if (query.returnData && forced != 0) {
+                return forced;
+            }
+            const int32_t status = SecretServiceBackend::copyItem(query, secret);
+            if (secret && !readBack.isNull()) {
+                *secret = readBack;
+            }
+            return status;
+        };
+    }
 };
 
-RunResult runVelnora(const QStringList& arguments, const QProcessEnvironment& environment)
+// The status of the KeychainError `call` throws, 0 when it throws none.
+int32_t statusOf(const std::function<void()>& call)
 {
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start(test::velnoraBinary(), arguments);
-    EXPECT_TRUE(process.waitForFinished(30000));
-    return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
-            QString::fromUtf8(process.readAllStandardError())};
+    try {
+        call();
+    } catch (const KeychainError& error) {
+        return error.status();
+    }
+    return 0;
 }
 
 } // namespace
 
-TEST_F(SecretServiceTest, SaveReadDeleteRoundTrip)
+TEST(SecretServiceTest, SaveReadReplaceRepairAndDelete)
 {
-    KeychainStore store(service);
-    EXPECT_EQ(store.apiKey("kimi"), std::nullopt);
-    EXPECT_FALSE(store.hasAPIKey("kimi"));
+    const QString service = uniqueService();
+    KeychainStore reader(service);
+    EXPECT_EQ(reader.apiKey("kimi"), std::nullopt);
 
-    store.saveAPIKey("  sk-测试-123\n", "kimi");
+    KeychainStore writer(service);
+    writer.saveAPIKey("  sk-测试-123\n", "kimi");
+    writer.saveAPIKey("sk-b", "glm");
     EXPECT_EQ(secretToolLookup(service, "kimi"), "sk-测试-123") << "stored where other tools find it";
-    EXPECT_EQ(store.apiKey("kimi"), "sk-测试-123");
+    EXPECT_EQ(KeychainStore(service + ".other").apiKey("kimi"), std::nullopt);
 
-    // A fresh store has an empty cache and reads the item from the daemon.
-    KeychainStore restarted(service);
-    EXPECT_TRUE(restarted.hasAPIKey("kimi"));
-    EXPECT_FALSE(restarted.isCached("kimi"));
-    EXPECT_EQ(restarted.apiKey("kimi"), "sk-测试-123");
-    EXPECT_TRUE(restarted.isCached("kimi"));
+    // A miss is not cached: another store's write is read from the daemon, then kept.
+    EXPECT_TRUE(reader.hasAPIKey("kimi"));
+    EXPECT_FALSE(reader.isCached("kimi"));
+    EXPECT_EQ(reader.apiKey("kimi"), "sk-测试-123");
+    EXPECT_TRUE(reader.isCached("kimi"));
 
-    // Saving again replaces rather than adding a second item.
-    restarted.saveAPIKey("sk-new", "kimi");
+    // Saving again replaces rather than adding a second item; repair rewrites what is there.
+    reader.saveAPIKey("sk-new", "kimi");
+    EXPECT_TRUE(reader.repairAccess("kimi"));
     EXPECT_EQ(KeychainStore(service).apiKey("kimi"), "sk-new");
 
-    restarted.saveAPIKey("   ", "kimi");
+    reader.saveAPIKey("   ", "kimi");
     EXPECT_EQ(KeychainStore(service).apiKey("kimi"), std::nullopt);
     EXPECT_EQ(secretToolLookup(service, "kimi"), "");
-    EXPECT_NO_THROW(restarted.saveAPIKey("", "kimi")) << "deleting what is not there is fine";
-}
-
-TEST_F(SecretServiceTest, KeysOfProvidersAndServicesStaySeparate)
-{
-    KeychainStore store(service);
-    KeychainStore other(service + ".other");
-    store.saveAPIKey("sk-a", "deepseek");
-    store.saveAPIKey("sk-b", "glm");
-    EXPECT_EQ(KeychainStore(service).apiKey("deepseek"), "sk-a");
+    EXPECT_FALSE(reader.repairAccess("kimi"));
+    EXPECT_NO_THROW(reader.saveAPIKey("", "kimi")) << "deleting what is not there is fine";
     EXPECT_EQ(KeychainStore(service).apiKey("glm"), "sk-b");
-    EXPECT_EQ(other.apiKey("deepseek"), std::nullopt);
-    store.saveAPIKey("", "deepseek");
-    EXPECT_EQ(KeychainStore(service).apiKey("glm"), "sk-b");
-    store.saveAPIKey("", "glm");
+    writer.saveAPIKey("", "glm");
 }
 
-TEST_F(SecretServiceTest, CommandLineRepairOverTheApplicationsItems)
+TEST(SecretServiceTest, FailuresSurfaceWithTheirStatusAndCacheNothing)
 {
-    const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    KeychainStore appStore;
-    for (const auto& definition : ProviderDefinition::builtIn()) {
-        appStore.saveAPIKey("", definition.id);
-    }
-    RunResult result = runVelnora({"--repair-keychain-access"}, environment);
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.out, "keychain-access-repair: no stored API keys\n");
+    InjectedStore injected;
+    KeychainStore& store = injected.store;
+    store.saveAPIKey("sk-ds", "deepseek");
+    store.saveAPIKey("sk-er", "ernie");
+    EXPECT_EQ(KeychainRepairCommand::repairAll(store).repaired, (QStringList{"deepseek", "ernie"}));
 
-    appStore.saveAPIKey("sk-q", "qwen");
-    appStore.saveAPIKey("sk-d", "doubao");
-    result = runVelnora({"--repair-keychain-access"}, environment);
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.out, "keychain-access-repair: ok (doubao, qwen)\n");
-    EXPECT_EQ(KeychainStore().apiKey("qwen"), "sk-q");
-    appStore.saveAPIKey("", "qwen");
-    appStore.saveAPIKey("", "doubao");
+    // Locked: a cached key is still served, and the existence check needs no unlocking, so the
+    // repair tries each stored key and names it.
+    injected.forced = KeychainError::collectionLocked;
+    EXPECT_EQ(store.apiKey("deepseek"), "sk-ds");
+    const auto outcome = KeychainRepairCommand::repairAll(store);
+    const QString locked = "无法访问系统钥匙串：钥匙串已锁定，请先解锁登录钥匙串。";
+    EXPECT_EQ(outcome.failures, (QStringList{"deepseek: " + locked, "ernie: " + locked}));
+    EXPECT_EQ(KeychainRepairCommand::report(outcome), 1);
+    EXPECT_EQ(statusOf([&] { store.apiKey("deepseek"); }), KeychainError::collectionLocked);
+    EXPECT_FALSE(store.isCached("deepseek"));
+
+    injected.forced = 0;
+    injected.readBack = "something-else";
+    EXPECT_EQ(statusOf([&] { store.saveAPIKey("sk-1", "kimi"); }), KeychainError::decodeFailed);
+    EXPECT_FALSE(store.isCached("kimi"));
+
+    // Bytes another tool wrote that are not UTF-8.
+    injected.readBack = {};
+    ASSERT_EQ(SecretServiceBackend::addItem({store.service(), "glm", QByteArray("\xff\xfe\x80", 3)}), 0);
+    EXPECT_EQ(statusOf([&] { store.apiKey("glm"); }), KeychainError::decodeFailed);
+    EXPECT_FALSE(store.isCached("glm"));
 }
 
-TEST_F(SecretServiceTest, NoSecretServiceFailsFastWithAClearError)
+TEST(SecretServiceTest, AMissingOrSilentServiceFailsWithAClearErrorByTheDeadline)
 {
-    // A child process whose session bus leads nowhere: the store must answer, not hang.
-    if (qEnvironmentVariableIsSet("VELNORA_TEST_NO_BUS_CHILD")) {
-        KeychainStore store(service);
+    if (qEnvironmentVariableIsSet("VELNORA_TEST_CHILD")) {
+        KeychainStore store("velnora.test");
+        store.copyItem = [](const KeychainQuery& query, QByteArray* secret) {
+            return SecretServiceBackend::copyItem(query, secret, std::chrono::milliseconds(300));
+        };
         try {
-            store.saveAPIKey("sk", "kimi");
+            store.apiKey("kimi");
         } catch (const KeychainError& error) {
-            std::printf("status=%d\n%s\n", error.status(), error.description().toUtf8().constData());
-            return;
+            std::printf("status=%d %s\n", error.status(), error.description().toUtf8().constData());
         }
-        std::printf("saved\n");
         return;
     }
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("VELNORA_TEST_NO_BUS_CHILD", "1");
-    environment.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/velnora-test-bus");
-    QProcess child;
-    child.setProcessEnvironment(environment);
-    child.start(QCoreApplication::applicationFilePath(),
-                {"--gtest_filter=SecretServiceTest.NoSecretServiceFailsFastWithAClearError"});
-    ASSERT_TRUE(child.waitForFinished(30000));
-    const QString out = QString::fromUtf8(child.readAllStandardOutput());
-    EXPECT_TRUE(out.contains(QStringLiteral("status=%1").arg(KeychainError::serviceUnavailable))) << out.toStdString();
-    EXPECT_TRUE(out.contains("无法访问系统钥匙串：没有可用的钥匙串服务")) << out.toStdString();
-
-    // And the repair mode says there is nothing to repair rather than hanging.
-    environment.remove("VELNORA_TEST_NO_BUS_CHILD");
-    const RunResult result = runVelnora({"--repair-keychain-access"}, environment);
-    EXPECT_EQ(result.exitCode, 0);
-}
-
-TEST_F(SecretServiceTest, ADeadlineBoundsACallThatNeverAnswers)
-{
-    // A bus that accepts the connection and never replies stands in for a prompt nobody answers.
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    if (qEnvironmentVariableIsSet("VELNORA_TEST_DEADLINE_CHILD")) {
-        QElapsedTimer timer;
-        timer.start();
-        const int32_t status = SecretServiceBackend::copyItem({service, "kimi", true}, nullptr, std::chrono::milliseconds(300));
-        std::printf("status=%d elapsed=%lld\n", status, static_cast<long long>(timer.elapsed()));
-        return;
-    }
+    // Connections wait in the backlog and nobody answers, as with an unlock prompt nobody answers.
     test::TemporaryHome home;
-    const QString socketPath = home.filePath("silent-bus");
-    QProcess listener;
-    listener.start("python3", {"-c", "import socket,sys,time\n"
-                                     "s=socket.socket(socket.AF_UNIX); s.bind(sys.argv[1]); s.listen(8)\n"
-                                     "print('ready', flush=True)\n"
-                                     "conns=[]\n"
-                                     "while True: conns.append(s.accept())\n",
-                               socketPath});
-    ASSERT_TRUE(listener.waitForReadyRead(10000));
-    environment.insert("VELNORA_TEST_DEADLINE_CHILD", "1");
-    environment.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + socketPath);
-    QProcess child;
-    child.setProcessEnvironment(environment);
-    child.start(QCoreApplication::applicationFilePath(),
-                {"--gtest_filter=SecretServiceTest.ADeadlineBoundsACallThatNeverAnswers"});
-    const bool finished = child.waitForFinished(20000);
-    listener.kill();
-    listener.waitForFinished();
-    ASSERT_TRUE(finished);
-    const QString out = QString::fromUtf8(child.readAllStandardOutput());
-    EXPECT_TRUE(out.contains(QStringLiteral("status=%1").arg(KeychainError::timedOut))) << out.toStdString();
+    QLocalServer silentBus;
+    ASSERT_TRUE(silentBus.listen(home.filePath("silent-bus")));
+    const QString nowhere = "unix:path=/nonexistent/velnora-test-bus";
+    const struct
+    {
+        QString busAddress;
+        int32_t status;
+        const char* message;
+    } cases[] = {
+        {nowhere, KeychainError::serviceUnavailable, "没有可用的钥匙串服务（Secret Service 未运行）。"},
+        {"unix:path=" + silentBus.fullServerName(), KeychainError::timedOut, "钥匙串服务没有及时响应。"},
+    };
+    for (const auto& c : cases) {
+        const QString out =
+            run(QCoreApplication::applicationFilePath(),
+                {"--gtest_filter=SecretServiceTest.AMissingOrSilentServiceFailsWithAClearErrorByTheDeadline"},
+                c.busAddress)
+                .second;
+        const QString expected = QStringLiteral("status=%1 无法访问系统钥匙串：").arg(c.status) + c.message;
+        EXPECT_TRUE(out.contains(expected + "\n")) << out.toStdString();
+    }
+
+    const auto [exitCode, out] = run(test::velnoraBinary(), {"--repair-keychain-access"}, nowhere);
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_EQ(out, "keychain-access-repair: no stored API keys\n");
 }
