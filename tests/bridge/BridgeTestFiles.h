@@ -1,12 +1,10 @@
 #pragma once
 
-#include <QByteArray>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QString>
-#include <sys/stat.h>
-#include <sys/time.h>
+#include <filesystem>
 
 namespace velnora::test {
 
@@ -14,7 +12,7 @@ inline bool writeFile(const QString& path, const QByteArray& bytes)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
 inline QByteArray readFile(const QString& path)
@@ -23,23 +21,17 @@ inline QByteArray readFile(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-// Sets both times of a file to secondsSince1970.
 inline bool setModificationTime(const QString& path, double secondsSince1970)
 {
-    timeval times[2];
-    times[0].tv_sec = time_t(secondsSince1970);
-    times[0].tv_usec = suseconds_t((secondsSince1970 - double(times[0].tv_sec)) * 1e6);
-    times[1] = times[0];
-    return ::lutimes(QFile::encodeName(path).constData(), times) == 0;
+    QFile file(path);
+    return file.open(QIODevice::Append) &&
+           file.setFileTime(QDateTime::fromMSecsSinceEpoch(qint64(secondsSince1970 * 1000)),
+                            QFileDevice::FileModificationTime);
 }
 
 inline unsigned permissions(const QString& path)
 {
-    struct stat info
-    {
-    };
-    ::stat(QFile::encodeName(path).constData(), &info);
-    return info.st_mode & 07777;
+    return unsigned(std::filesystem::status(QFile::encodeName(path).toStdString()).permissions());
 }
 
 } // namespace velnora::test

@@ -1,0 +1,135 @@
+#include "BridgeTestFiles.h"
+#include "bridge/ChromeProfileProbe.h"
+#include "bridge/ChromiumBrowsers.h"
+#include "bridge/NativeHostInstaller.h"
+#include "bridge/RequestStore.h"
+#include "config/ProviderCatalog.h"
+#include "support/TestEnvironment.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+using namespace velnora;
+using namespace velnora::test;
+
+namespace {
+
+// The exit code (-1 when it hung) and the lines velnora printed for one flag.
+std::pair<int, QStringList> runMode(const QString& flag)
+{
+    QProcess process;
+    process.start(velnoraBinary(), {flag});
+    const int exitCode = process.waitForFinished(20000) ? process.exitCode() : -1;
+    return {exitCode, QString::fromUtf8(process.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts)};
+}
+
+QByteArray preferences(const QJsonObject& settings)
+{
+    return QJsonDocument(QJsonObject{{"extensions", QJsonObject{{"settings", settings}}}}).toJson();
+}
+
+TEST(BridgeSelfTestModes, InstallerAndDiagnosticsChecksPass)
+{
+    for (const QString mode : {"native-host-installer-self-test", "bridge-diagnostics-self-test"}) {
+        EXPECT_EQ(runMode("--" + mode), std::make_pair(0, QStringList{mode + ": ok"}));
+    }
+}
+
+TEST(NativeHostInstaller, InstallsForChromeAndThePresentBrowsersAndPutsAnEditedManifestRight)
+{
+    TemporaryHome home;
+    const QString config = home.configHome() + u'/';
+    const QString manifest = QStringLiteral("/NativeMessagingHosts/com.tarnwick.velnora.domestic.json");
+    QDir().mkpath(config + "BraveSoftware/Brave-Browser");
+    const QString edited = config + "chromium" + manifest;
+    writeFile(edited, "{}");
+    ::chmod(QFile::encodeName(edited).constData(), 0600);
+
+    EXPECT_EQ(NativeHostInstaller::installForAllBrowsers(QUrl::fromLocalFile("/usr/local/./bin//velnora")),
+              (QStringList{config + "google-chrome" + manifest, edited,
+                           config + "BraveSoftware/Brave-Browser" + manifest}));
+    for (const char* absent : {"microsoft-edge", "vivaldi"}) {
+        EXPECT_FALSE(QFileInfo::exists(config + absent)) << absent;
+    }
+    EXPECT_TRUE(readFile(edited).contains("\"path\": \"/usr/local/bin/velnora\""))
+        << readFile(edited).constData();
+    EXPECT_EQ(permissions(edited), 0644u);
+    // Chrome's folder holding only our manifest does not make Chrome the browser in use.
+    writeFile(config + "chromium/Local State", "{}");
+    EXPECT_EQ(NativeHostInstaller::hostDirectoryURL(), config + "chromium/NativeMessagingHosts");
+}
+
+// --bridge-status over a throwaway home: the status line and the advice a user reads.
+TEST(BridgeStatusMode, EachMainStateGetsItsOwnChineseText)
+{
+    const QString ours = ExplainerConstants::extensionIdentifier();
+    const QString notExecutable = sourceDir() + QStringLiteral("/CMakeLists.txt");
+    const QString repair = QStringLiteral("○ 未连接 · 连接配置需要修复");
+    // This very process stands in for the running browser; a finished one for a lock left by a crash.
+    QProcess finished;
+    finished.start(QStringLiteral("/bin/true"));
+    ASSERT_TRUE(finished.waitForStarted(5000));
+    const qint64 alive = ::getpid();
+    const qint64 crashed = finished.processId(); // known only until the process is reaped
+    ASSERT_TRUE(finished.waitForFinished(5000));
+    struct Case
+    {
+        const char* name;
+        bool heartbeat;
+        QString manifestPath; // none when empty
+        qint64 lockPid;       // the browser's SingletonLock names it; none when 0
+        QByteArray securePreferences, preferences;
+        QString status, advice;
+    };
+    const std::vector<Case> cases{
+        {"nothing set up", false, "", 0, "", "", repair,
+         "Chrome 还没有本机的连接配置。点「修复连接」重新写入，再到 chrome://extensions 重新加载扩展。"},
+        {"live heartbeat", true, "", 0, "", "", "● Chrome 已连接",
+         "Chrome 扩展已连接，划词即可发到网页会话。"},
+        {"manifest names no program", false, notExecutable, alive, "", preferences({}), repair,
+         "连接配置指向的应用已经不在了（" + notExecutable + "）。点「修复连接」让它指向当前这份。"},
+        {"browser crashed", false, velnoraBinary(), crashed, "", preferences({}),
+         "○ 未连接 · Chrome 没有运行", "Chrome 没有运行。点「修复连接」会在后台把它唤起。"},
+        {"extension absent", false, velnoraBinary(), alive, "", preferences({}),
+         "○ 未连接 · 未发现本版扩展记录",
+         "默认 Chrome 数据目录中未发现本版扩展记录；这不代表其他用户数据目录中没有安装。"
+         "点「安装扩展」打开扩展页核对版本；如需安装配套扩展，开启「开发者模式」→"
+         "「加载已解压的扩展程序」→ 按 Ctrl+L 粘贴路径回车。"},
+        {"other edition", false, velnoraBinary(), alive, "",
+         preferences({{ChromeProfileProbe::otherEditionIdentifier, QJsonObject{}}}),
+         "○ 未连接 · 应用与扩展版本不匹配",
+         "已检测到澜镜扩展，但它与当前应用不匹配。"
+         "点「安装配套扩展」加载当前应用自带的扩展，或使用与已安装扩展对应的应用。"},
+        // Chrome keeps the location in Secure Preferences and the folder in Preferences.
+        {"unpacked but silent", false, velnoraBinary(), alive,
+         preferences({{ours, QJsonObject{{"location", 4}}}}),
+         preferences({{ours, QJsonObject{{"location", 1}, {"path", "/srv/ext"}}}}), "○ 未连接 · 扩展尚未连接",
+         "已检测到本版扩展，但尚未建立连接。请到 chrome://extensions 确认扩展已启用，并重新加载 /srv/ext。"},
+    };
+    for (const Case& row : cases) {
+        SCOPED_TRACE(row.name);
+        TemporaryHome home;
+        const QString chrome = home.configHome() + QStringLiteral("/google-chrome/");
+        if (row.heartbeat) {
+            RequestStore().markBridgeActive();
+        }
+        if (!row.manifestPath.isEmpty()) {
+            NativeHostInstaller::install(chrome + "NativeMessagingHosts",
+                                         QUrl::fromLocalFile(row.manifestPath));
+        }
+        writeFile(chrome + "Default/Secure Preferences", row.securePreferences);
+        writeFile(chrome + "Default/Preferences", row.preferences);
+        if (row.lockPid != 0) {
+            ASSERT_TRUE(
+                QFile::link(QStringLiteral("testhost-%1").arg(row.lockPid), chrome + "SingletonLock"));
+        }
+        const auto [exitCode, lines] = runMode(QStringLiteral("--bridge-status"));
+        EXPECT_EQ(exitCode, row.heartbeat ? 0 : 2);
+        EXPECT_EQ(lines.mid(0, 2).join(u'\n').toStdString(), (row.status + u'\n' + row.advice).toStdString());
+    }
+}
+
+} // namespace
