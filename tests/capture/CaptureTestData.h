@@ -1,6 +1,6 @@
 #pragma once
 
-#include <string>
+#include <QByteArray>
 
 namespace velnora::test::CaptureTestData {
 
@@ -17,15 +17,13 @@ inline constexpr const char* newerText = "newer clipboard text";
 inline constexpr const char* earlierText = "earlier clipboard text";
 inline constexpr const char* earlierHtml = "<p>earlier <b>clipboard</b></p>";
 
-// Binary data with NUL bytes and every byte value, large enough to span many X requests' worth.
-inline std::string earlierImage()
+// Binary data with NUL bytes and every byte value, larger than one X request carries by default.
+inline QByteArray earlierImage()
 {
-    std::string data = "\x89PNG\r\n\x1a\n";
-    data.push_back('\0');
-    unsigned state = 12345;
-    while (data.size() < 300 * 1024) {
+    QByteArray data("\x89PNG\r\n\x1a\n\0", 9);
+    for (unsigned state = 12345; data.size() < 300 * 1024;) {
         state = state * 1103515245u + 12345u;
-        data.push_back(char(state >> 16));
+        data.append(char(state >> 16));
     }
     return data;
 }
