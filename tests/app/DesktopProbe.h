@@ -1,24 +1,15 @@
 #pragma once
 
-#include <QRect>
 #include <QString>
+#include <QtGlobal>
 #include <optional>
-#include <vector>
 
 // What another process shows on the X display and tells the accessibility bus, asked from outside
 // the way a user's tools see it.
 namespace velnora::test::DesktopProbe {
 
-struct Window
-{
-    quint32 id = 0;
-    bool topLevel = false; // a child of the root window (no window manager runs in the session)
-    bool viewable = false;
-    QRect geometry; // relative to the parent
-};
+using Window = quint32; // the X window id
 
-// Every window whose _NET_WM_PID is pid.
-std::vector<Window> windowsOf(qint64 pid);
 // The process's tray icon, once a tray host has embedded it.
 std::optional<Window> embeddedTrayIcon(qint64 pid);
 // A shown top-level window of the process at least this large (the card, a settings window).

@@ -1,6 +1,5 @@
 #include "InterceptingProxy.h"
 
-#include <QDir>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -12,93 +11,33 @@
 
 namespace velnora::test {
 
-namespace {
-
-bool runOpenssl(const QString& directory, const QStringList& arguments, QString* error)
-{
-    QProcess process;
-    process.setWorkingDirectory(directory);
-    process.start(QStringLiteral("openssl"), arguments);
-    if (!process.waitForFinished(20000) || process.exitStatus() != QProcess::NormalExit ||
-        process.exitCode() != 0) {
-        if (error) {
-            *error = QStringLiteral("openssl ") + arguments.join(u' ') + QStringLiteral(": ") +
-                     QString::fromLocal8Bit(process.readAllStandardError()) + process.errorString();
-        }
-        return false;
-    }
-    return true;
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-} // namespace
-
 std::optional<InterceptionAuthority> InterceptionAuthority::create(const QString& hostName, QString* error)
 {
     InterceptionAuthority authority;
     authority.m_directory = std::make_shared<QTemporaryDir>();
     const QString dir = authority.m_directory->path();
-    QFile extensions(dir + QStringLiteral("/server.ext"));
-    if (!extensions.open(QIODevice::WriteOnly)) {
-        return std::nullopt;
-    }
-    extensions.write("basicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\nsubjectAltName=DNS:" +
-                     hostName.toUtf8() + "\n");
-    extensions.close();
-    const QStringList ec{QStringLiteral("-newkey"), QStringLiteral("ec"), QStringLiteral("-pkeyopt"),
-                         QStringLiteral("ec_paramgen_curve:prime256v1"), QStringLiteral("-nodes")};
-    if (!runOpenssl(dir,
-                    QStringList{QStringLiteral("req"), QStringLiteral("-x509")} + ec +
-                        QStringList{QStringLiteral("-keyout"), QStringLiteral("ca.key"),
-                                    QStringLiteral("-out"), QStringLiteral("ca.pem"), QStringLiteral("-days"),
-                                    QStringLiteral("2"), QStringLiteral("-subj"),
-                                    QStringLiteral("/CN=velnora test authority"), QStringLiteral("-addext"),
-                                    QStringLiteral("basicConstraints=critical,CA:TRUE"),
-                                    QStringLiteral("-addext"),
-                                    QStringLiteral("keyUsage=critical,keyCertSign,cRLSign")},
-                    error) ||
-        !runOpenssl(dir,
-                    QStringList{QStringLiteral("req")} + ec +
-                        QStringList{QStringLiteral("-keyout"), QStringLiteral("server.key"),
-                                    QStringLiteral("-out"), QStringLiteral("server.csr"),
-                                    QStringLiteral("-subj"), QStringLiteral("/CN=") + hostName},
-                    error) ||
-        !runOpenssl(dir,
-                    {QStringLiteral("x509"), QStringLiteral("-req"), QStringLiteral("-in"),
-                     QStringLiteral("server.csr"), QStringLiteral("-CA"), QStringLiteral("ca.pem"),
-                     QStringLiteral("-CAkey"), QStringLiteral("ca.key"), QStringLiteral("-CAcreateserial"),
-                     QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-extfile"),
-                     QStringLiteral("server.ext"), QStringLiteral("-out"), QStringLiteral("server.pem")},
-                    error)) {
-        return std::nullopt;
-    }
-    QProcess hash;
-    hash.start(QStringLiteral("openssl"),
-               {QStringLiteral("x509"), QStringLiteral("-hash"), QStringLiteral("-noout"),
-                QStringLiteral("-in"), dir + QStringLiteral("/ca.pem")});
-    if (!hash.waitForFinished(10000) || hash.exitCode() != 0) {
-        return std::nullopt;
-    }
-    authority.m_caDirectory = dir + QStringLiteral("/trust");
-    QDir().mkpath(authority.m_caDirectory);
-    const QString hashName =
-        QString::fromLatin1(hash.readAllStandardOutput().trimmed()) + QStringLiteral(".0");
-    if (!QFile::copy(dir + QStringLiteral("/ca.pem"), authority.m_caDirectory + u'/' + hashName)) {
-        return std::nullopt;
-    }
-    authority.m_certificate = QSslCertificate(readFile(dir + QStringLiteral("/server.pem")));
-    authority.m_key = QSslKey(readFile(dir + QStringLiteral("/server.key")), QSsl::Ec);
-    if (authority.m_certificate.isNull() || authority.m_key.isNull()) {
+    // One self-signed certificate serves as the trust anchor and as the server's certificate; the
+    // trust folder names it by its hash, as OpenSSL looks it up.
+    QProcess openssl;
+    openssl.setWorkingDirectory(dir);
+    openssl.start("/bin/sh",
+                  {"-c",
+                   QStringLiteral("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+                                  "-keyout key.pem -out cert.pem -days 2 -subj \"/CN=$0\" "
+                                  "-addext \"subjectAltName=DNS:$0\" && mkdir trust && "
+                                  "cp cert.pem trust/$(openssl x509 -hash -noout -in cert.pem).0"),
+                   hostName});
+    openssl.waitForFinished(20000);
+    QFile certificate(dir + "/cert.pem");
+    QFile key(dir + "/key.pem");
+    if (openssl.exitCode() != 0 || !certificate.open(QIODevice::ReadOnly) || !key.open(QIODevice::ReadOnly)) {
         if (error) {
-            *error = QStringLiteral("the certificate or key made by openssl does not load");
+            *error = QString::fromLocal8Bit(openssl.readAllStandardError()) + openssl.errorString();
         }
         return std::nullopt;
     }
+    authority.certificate = QSslCertificate(certificate.readAll());
+    authority.key = QSslKey(key.readAll(), QSsl::Ec);
     return authority;
 }
 
@@ -106,40 +45,25 @@ QStringList InterceptionAuthority::privateTrustCommand(const QString& program,
                                                        const QStringList& arguments) const
 {
     // The child runs with a PATH of our choosing: name the tools by their full paths.
-    return QStringList{QStandardPaths::findExecutable(QStringLiteral("unshare")),
-                       QStringLiteral("--mount"),
-                       QStringLiteral("--propagation"),
-                       QStringLiteral("private"),
-                       QStringLiteral("--"),
-                       QStringLiteral("/bin/sh"),
-                       QStringLiteral("-c"),
-                       QStandardPaths::findExecutable(QStringLiteral("mount")) +
-                           QStringLiteral(" --bind \"$0\" /etc/ssl/certs && exec \"$@\""),
-                       m_caDirectory,
-                       program} +
+    const QString mount = QStandardPaths::findExecutable("mount");
+    const QString unshare = QStandardPaths::findExecutable("unshare");
+    const QString script = mount + " --bind \"$0\" /etc/ssl/certs && exec \"$@\"";
+    const QString trust = m_directory->filePath("trust");
+    return QStringList{unshare,   "--mount", "--propagation", "private", "--",
+                       "/bin/sh", "-c",      script,          trust,     program} +
            arguments;
 }
 
 bool InterceptionAuthority::privateTrustAvailable()
 {
-    QProcess probe;
-    probe.start(QStringLiteral("unshare"),
-                {QStringLiteral("--mount"), QStringLiteral("--propagation"), QStringLiteral("private"),
-                 QStringLiteral("--"), QStringLiteral("/bin/sh"), QStringLiteral("-c"),
-                 QStringLiteral("mount --bind /tmp /mnt")});
-    return probe.waitForFinished(10000) && probe.exitStatus() == QProcess::NormalExit &&
-           probe.exitCode() == 0;
+    return QProcess::execute("unshare", {"--mount", "--propagation", "private", "--", "/bin/sh", "-c",
+                                         "mount --bind /tmp /mnt"}) == 0;
 }
 
-InterceptingProxy::InterceptingProxy(const InterceptionAuthority& authority, QObject* parent)
-    : QTcpServer(parent), m_certificate(authority.serverCertificate()), m_key(authority.serverKey())
+InterceptingProxy::InterceptingProxy(const InterceptionAuthority& authority)
+    : m_certificate(authority.certificate), m_key(authority.key)
 {
     listen(QHostAddress::LocalHost, 0);
-}
-
-QString InterceptingProxy::proxyURL() const
-{
-    return QStringLiteral("http://127.0.0.1:%1").arg(serverPort());
 }
 
 void InterceptingProxy::setAnswer(QList<QByteArray> pieces, int pieceDelayMs)
@@ -152,8 +76,7 @@ QList<QByteArray> InterceptingProxy::responsesStream(const QStringList& deltas)
 {
     QList<QByteArray> pieces;
     for (const QString& delta : deltas) {
-        const QJsonObject event{{QStringLiteral("type"), QStringLiteral("response.output_text.delta")},
-                                {QStringLiteral("delta"), delta}};
+        const QJsonObject event{{"type", "response.output_text.delta"}, {"delta", delta}};
         pieces << "event: response.output_text.delta\ndata: " +
                       QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
     }
@@ -165,77 +88,45 @@ QList<QByteArray> InterceptingProxy::responsesStream(const QStringList& deltas)
 void InterceptingProxy::incomingConnection(qintptr descriptor)
 {
     auto* socket = new QSslSocket(this);
-    if (!socket->setSocketDescriptor(descriptor)) {
-        socket->deleteLater();
-        return;
-    }
+    socket->setSocketDescriptor(descriptor);
     socket->setLocalCertificate(m_certificate);
     socket->setPrivateKey(m_key);
-    const qsizetype exchange = m_exchanges.size();
-    m_exchanges.append(Exchange{});
-    auto buffer = std::make_shared<QByteArray>();
     connect(socket, &QSslSocket::disconnected, socket, &QObject::deleteLater);
-    connect(socket, &QSslSocket::readyRead, this, [this, socket, exchange, buffer] {
+    auto buffer = std::make_shared<QByteArray>();
+    connect(socket, &QSslSocket::readyRead, this, [this, socket, buffer] {
         *buffer += socket->readAll();
-        Exchange& record = m_exchanges[exchange];
+        const qsizetype end = buffer->indexOf("\r\n\r\n");
+        if (end < 0) {
+            return;
+        }
         if (!socket->isEncrypted()) {
-            // Plain text so far: the proxy request.
-            const qsizetype end = buffer->indexOf("\r\n\r\n");
-            if (end < 0 || !record.connectTarget.isEmpty()) {
-                return;
-            }
-            const QList<QByteArray> words = buffer->left(buffer->indexOf("\r\n")).split(' ');
-            if (words.size() < 2 || words.first() != "CONNECT") {
-                socket->write(
-                    "HTTP/1.1 405 Method Not Allowed\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-                socket->disconnectFromHost();
-                return;
-            }
-            record.connectTarget = words.at(1);
+            // Plain text so far: the CONNECT request.
             buffer->clear();
             socket->write("HTTP/1.1 200 Connection established\r\n\r\n");
             socket->startServerEncryption();
             return;
         }
-        const qsizetype end = buffer->indexOf("\r\n\r\n");
-        if (end < 0 || !record.requestHead.isEmpty()) {
+        const qsizetype lengthAt = buffer->left(end).toLower().indexOf("content-length:");
+        const qsizetype length =
+            lengthAt < 0 ? 0 : buffer->mid(lengthAt + 15, 20).split('\r').first().trimmed().toLongLong();
+        if (buffer->size() != end + 4 + length) {
             return;
         }
-        const QByteArray head = buffer->left(end);
-        qsizetype length = 0;
-        for (const QByteArray& line : head.split('\n')) {
-            if (line.toLower().startsWith("content-length:")) {
-                length = line.mid(15).trimmed().toLongLong();
-            }
+        m_requests << *buffer;
+        socket->write("HTTP/1.1 200 OK\r\nContent-Type: text/event-stream; charset=utf-8\r\n"
+                      "Transfer-Encoding: chunked\r\nConnection: close\r\n\r\n");
+        QPointer<QSslSocket> guarded(socket);
+        const QList<QByteArray> pieces = QList(m_pieces) << QByteArray(); // the empty chunk ends the body
+        for (qsizetype i = 0; i < pieces.size(); ++i) {
+            const QByteArray chunk =
+                QByteArray::number(pieces.at(i).size(), 16) + "\r\n" + pieces.at(i) + "\r\n";
+            QTimer::singleShot(int(i) * m_pieceDelayMs, this, [guarded, chunk] {
+                if (guarded) {
+                    guarded->write(chunk);
+                }
+            });
         }
-        if (buffer->size() < end + 4 + length) {
-            return;
-        }
-        record.requestHead = head;
-        record.requestBody = buffer->mid(end + 4, length);
-        answer(socket, exchange);
     });
-}
-
-void InterceptingProxy::answer(QSslSocket* socket, qsizetype)
-{
-    socket->write("HTTP/1.1 200 OK\r\nContent-Type: text/event-stream; charset=utf-8\r\n"
-                  "Transfer-Encoding: chunked\r\nConnection: close\r\n\r\n");
-    QPointer<QSslSocket> guarded(socket);
-    const QList<QByteArray> pieces = m_pieces;
-    for (qsizetype i = 0; i <= pieces.size(); ++i) {
-        QTimer::singleShot(int(i) * m_pieceDelayMs, this, [guarded, pieces, i] {
-            if (!guarded) {
-                return;
-            }
-            if (i < pieces.size()) {
-                guarded->write(QByteArray::number(pieces.at(i).size(), 16) + "\r\n" + pieces.at(i) + "\r\n");
-            } else {
-                guarded->write("0\r\n\r\n");
-                guarded->disconnectFromHost();
-            }
-        });
-    }
 }
 
 } // namespace velnora::test
