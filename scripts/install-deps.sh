@@ -10,7 +10,7 @@ build_packages=(
   libx11-dev libxtst-dev libxi-dev libxfixes-dev
   libxcb1-dev libxcb-keysyms1-dev libxcb-xinput-dev libxcb-xtest0-dev libxcb-xfixes0-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  librsvg2-bin
+  librsvg2-bin qt6-translations-l10n
 )
 session_packages=(
   xvfb xauth dbus dbus-x11 at-spi2-core gnome-keyring libsecret-tools

@@ -1,6 +1,7 @@
 #include "LlmTestSupport.h"
 
 #include <QProcess>
+#include <QTcpServer>
 
 using namespace velnora;
 using namespace velnora::test;
@@ -33,4 +34,12 @@ TEST_F(ApiStreamSelfTestMode, PrintsTheAnswerThenOkOrTheDiagnosis)
     // Plain HTTP is for loopback hosts only.
     EXPECT_EQ(run({"http://example.com/v1"}),
               "api-stream-self-test: API 地址无效，必须是完整的 https 地址。（设置 → Base URL）\n1");
+    // Qt's own description of the failure is the detail the user reads: it must be Chinese too.
+    QTcpServer closed;
+    ASSERT_TRUE(closed.listen(QHostAddress::LocalHost));
+    const QString refused = "http://127.0.0.1:" + QString::number(closed.serverPort()) + "/v1";
+    closed.close();
+    EXPECT_EQ(run({refused}),
+              "api-stream-self-test: 连不上这个地址，请检查 Base URL 或网络。（设置 → Base URL）  "
+              "服务端原文：连接被拒绝\n1");
 }
