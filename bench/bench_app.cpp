@@ -3,6 +3,7 @@
 //   PRIMARY (API mode, answered by a loopback proxy that plays the provider), resident memory once the
 //   first explanation is done and the app idles, and CPU used while idle.
 // Usage: bench_app [--runs N] [--idle-seconds S]
+#include "BenchStatistics.h"
 #include "CaptureDesktopSupport.h"
 #include "DesktopProbe.h"
 #include "InterceptingProxy.h"
@@ -31,15 +32,6 @@ using namespace velnora;
 using namespace velnora::test;
 
 namespace {
-
-double median(std::vector<double> values)
-{
-    if (values.empty()) {
-        return -1;
-    }
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
 
 // Ctrl+Alt+E through XTest, straight from this process (no helper process in the measured time).
 void pressHotKey()
@@ -237,9 +229,9 @@ int main(int argc, char** argv)
     trayHost.waitForFinished(3000);
 
     std::printf("bench_app: %d runs (median)\n", runs);
-    std::printf("  start to tray icon ready        %8.1f ms\n", median(start));
-    std::printf("  hot key to card shown, AT-SPI   %8.1f ms\n", median(viaAccessibility));
-    std::printf("  hot key to card shown, PRIMARY  %8.1f ms\n", median(viaPrimary));
+    std::printf("  start to tray icon ready        %8.1f ms\n", bench::percentile(start, 0.5));
+    std::printf("  hot key to card shown, AT-SPI   %8.1f ms\n", bench::percentile(viaAccessibility, 0.5));
+    std::printf("  hot key to card shown, PRIMARY  %8.1f ms\n", bench::percentile(viaPrimary, 0.5));
     std::printf(
         "  idle memory after one explanation: resident %.1f MB, proportional %.1f MB, anonymous %.1f MB\n",
         idleResident / 1024.0, idleProportional / 1024.0, idleAnonymous / 1024.0);

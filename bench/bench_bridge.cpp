@@ -1,5 +1,6 @@
 // The browser bridge's costs as the user feels them: how fast a host Chrome starts is ready, what it
 // keeps resident, how long a request waits between enqueue and delivery, and what a queue scan costs.
+#include "BenchStatistics.h"
 #include "bridge/RequestStore.h"
 #include "support/NativeHostClient.h"
 
@@ -7,7 +8,6 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
-#include <algorithm>
 #include <benchmark/benchmark.h>
 #include <vector>
 
@@ -16,6 +16,8 @@ using velnora::RequestStore;
 using velnora::test::NativeHostClient;
 
 namespace {
+
+using velnora::bench::percentile;
 
 std::unique_ptr<NativeHostClient> startHost(const QString& dataDirectory, double* readyMilliseconds = nullptr)
 {
@@ -30,15 +32,6 @@ std::unique_ptr<NativeHostClient> startHost(const QString& dataDirectory, double
         *readyMilliseconds = double(timer.nsecsElapsed()) / 1e6;
     }
     return host;
-}
-
-double percentile(std::vector<double> samples, double fraction)
-{
-    if (samples.empty()) {
-        return 0;
-    }
-    std::sort(samples.begin(), samples.end());
-    return samples[std::min(samples.size() - 1, std::size_t(fraction * double(samples.size())))];
 }
 
 void BM_HostStartToReady(benchmark::State& state)

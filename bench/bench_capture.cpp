@@ -2,6 +2,7 @@
 //   scripts/desktop-session.sh build/bench/bench_capture
 // readSelection through AT-SPI (a Qt field with a selection), through PRIMARY (xclip), and the whole
 // path from an xdotool hot-key press to the captured text.
+#include "BenchStatistics.h"
 #include "capture/GlobalHotKey.h"
 #include "capture/SelectionReader.h"
 
@@ -11,10 +12,7 @@
 #include <QEventLoop>
 #include <QProcess>
 #include <QTimer>
-
 #include <benchmark/benchmark.h>
-
-#include <algorithm>
 #include <vector>
 
 namespace {
@@ -31,14 +29,19 @@ void spinUntil(const std::function<bool()>& condition, int timeoutMs)
     }
 }
 
-void reportPercentiles(benchmark::State& state, std::vector<double>& milliseconds)
+void reportPercentiles(benchmark::State& state, const std::vector<double>& milliseconds)
 {
-    if (milliseconds.empty()) {
-        return;
-    }
-    std::sort(milliseconds.begin(), milliseconds.end());
-    state.counters["p50_ms"] = milliseconds[milliseconds.size() / 2];
-    state.counters["p90_ms"] = milliseconds[milliseconds.size() * 9 / 10];
+    state.counters["p50_ms"] = bench::percentile(milliseconds, 0.5);
+    state.counters["p90_ms"] = bench::percentile(milliseconds, 0.9);
+}
+
+// xclip holds PRIMARY for the text, as another application's selection would.
+void ownPrimary(QProcess& xclip)
+{
+    xclip.start(QStringLiteral("xclip"),
+                {QStringLiteral("-quiet"), QStringLiteral("-selection"), QStringLiteral("primary")});
+    xclip.write("words selected in another application");
+    xclip.closeWriteChannel();
 }
 
 bool haveSession(benchmark::State& state)
@@ -91,9 +94,7 @@ void BM_ReadSelectionPrimary(benchmark::State& state)
         return;
     }
     QProcess xclip;
-    xclip.start(QStringLiteral("xclip"), {QStringLiteral("-quiet"), QStringLiteral("-selection"), QStringLiteral("primary")});
-    xclip.write("words selected in another application");
-    xclip.closeWriteChannel();
+    ownPrimary(xclip);
     SelectionReader reader;
     spinUntil([] { return false; }, 200); // let xclip take PRIMARY
 
@@ -120,9 +121,7 @@ void BM_HotKeyToCapturedText(benchmark::State& state)
         return;
     }
     QProcess xclip;
-    xclip.start(QStringLiteral("xclip"), {QStringLiteral("-quiet"), QStringLiteral("-selection"), QStringLiteral("primary")});
-    xclip.write("words selected in another application");
-    xclip.closeWriteChannel();
+    ownPrimary(xclip);
     SelectionReader reader;
     GlobalHotKey hotKey;
     int captured = 0;
