@@ -136,22 +136,28 @@ ProductUpdates::Outcome ProductUpdates::evaluate(QNetworkReply& reply) const
     }
 }
 
+void ProductUpdates::fetchManifestInto(QPointer<QNetworkReply>& slot,
+                                       void (ProductUpdates::*finish)(const Outcome&))
+{
+    QNetworkReply* reply = fetchManifest();
+    slot = reply;
+    connect(reply, &QNetworkReply::finished, this, [this, reply, &slot, finish] {
+        const Outcome outcome = evaluate(*reply);
+        slot = nullptr;
+        reply->deleteLater();
+        (this->*finish)(outcome);
+    });
+}
+
 void ProductUpdates::checkExtension()
 {
     if (m_extensionReply) {
         return;
     }
-    m_extensionReply = fetchManifest();
+    fetchManifestInto(m_extensionReply, &ProductUpdates::finishExtensionCheck);
     m_extensionStatus = checkingExtensionStatus();
     Q_EMIT extensionCheckingChanged(true);
     Q_EMIT extensionStatusChanged(m_extensionStatus);
-    QNetworkReply* reply = m_extensionReply;
-    connect(reply, &QNetworkReply::finished, this, [this, reply] {
-        const Outcome outcome = evaluate(*reply);
-        m_extensionReply = nullptr;
-        reply->deleteLater();
-        finishExtensionCheck(outcome);
-    });
 }
 
 void ProductUpdates::finishExtensionCheck(const Outcome& outcome)
@@ -171,17 +177,10 @@ void ProductUpdates::checkApplication()
     if (m_applicationReply) {
         return;
     }
-    m_applicationReply = fetchManifest();
+    fetchManifestInto(m_applicationReply, &ProductUpdates::finishApplicationCheck);
     m_applicationStatus = checkingApplicationStatus();
     Q_EMIT applicationCheckingChanged(true);
     Q_EMIT applicationStatusChanged(m_applicationStatus);
-    QNetworkReply* reply = m_applicationReply;
-    connect(reply, &QNetworkReply::finished, this, [this, reply] {
-        const Outcome outcome = evaluate(*reply);
-        m_applicationReply = nullptr;
-        reply->deleteLater();
-        finishApplicationCheck(outcome);
-    });
 }
 
 void ProductUpdates::finishApplicationCheck(const Outcome& outcome)

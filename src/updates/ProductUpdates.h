@@ -67,6 +67,8 @@ private:
     using Outcome = std::variant<ProductRelease::Manifest, ReleaseError>;
 
     QNetworkReply* fetchManifest();
+    // One check in flight per slot: the slot holds the reply until it is evaluated and handed on.
+    void fetchManifestInto(QPointer<QNetworkReply>& slot, void (ProductUpdates::*finish)(const Outcome&));
     Outcome evaluate(QNetworkReply& reply) const;
     void finishExtensionCheck(const Outcome& outcome);
     void finishApplicationCheck(const Outcome& outcome);
