@@ -638,13 +638,9 @@ void SettingsWindow::testConnection()
             m_testDeadline->start();
         }
     } catch (const ConfigurationError& error) {
-        m_testing = false;
-        updateBusyButtons();
-        showDiagnosis(m_testResult, ProviderDiagnostics::diagnose(error));
+        finishTest(ProviderDiagnostics::diagnose(error));
     } catch (const LLMClientError& error) {
-        m_testing = false;
-        updateBusyButtons();
-        showDiagnosis(m_testResult, ProviderDiagnostics::diagnose(error));
+        finishTest(ProviderDiagnostics::diagnose(error));
     }
 }
 
