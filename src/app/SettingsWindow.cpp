@@ -528,12 +528,7 @@ bool SettingsWindow::save()
         }
         // The default prompt is never stored, so a later release's default reaches the user.
         const QString prompt = PromptLibrary::normalizedSystemPrompt(m_systemPrompt->toPlainText());
-        if (prompt == PromptLibrary::defaultSystemPrompt()) {
-            if (store.settings().contains(QLatin1String(ConfigurationStore::Keys::systemPrompt))) {
-                store.settings().remove(QLatin1String(ConfigurationStore::Keys::systemPrompt));
-                store.settings().sync();
-            }
-        } else if (prompt != store.systemPrompt()) {
+        if (prompt != store.systemPrompt()) {
             store.setSystemPrompt(prompt);
         }
         m_systemPrompt->setPlainText(store.systemPrompt());

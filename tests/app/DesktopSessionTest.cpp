@@ -33,7 +33,7 @@ protected:
         }
         ConfigurationStore().setDidShowVersion2Setup(true);
         // Bare Xvfb has no tray: without this every launch of the delegate would open the settings.
-        ConfigurationStore().settings().setValue(FirstRunHint::trayHintShownKey, true);
+        ConfigurationStore().setDidShowNoTrayHint(true);
     }
 
     void TearDown() override
