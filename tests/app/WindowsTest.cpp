@@ -4,6 +4,7 @@
 #include "WindowShots.h"
 #include "app/AboutWindow.h"
 #include "app/LaunchAtLogin.h"
+#include "app/settings/BrowserConnectionSection.h"
 #include "app/settings/FieldMarks.h"
 #include "app/settings/SettingsWindow.h"
 #include "config/ConfigurationError.h"
@@ -11,6 +12,7 @@
 #include "config/KeychainStore.h"
 #include "config/PromptLibrary.h"
 #include "config/ProviderCatalog.h"
+#include "overlay/OverlayStyle.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/TestEnvironment.h"
 #include "updates/ProductRelease.h"
@@ -26,6 +28,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLabel>
+#include <QLayout>
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QPlainTextEdit>
@@ -420,5 +423,60 @@ TEST_F(WindowsTest, TheAboutWindowShowsWhatOthersWroteAsPlainText)
     EXPECT_TRUE(window.extensionStatusLabel()->text().startsWith("当前扩展 " + markup));
     for (QLabel* label : {window.extensionStatusLabel(), window.applicationStatusLabel()}) {
         EXPECT_EQ(label->textFormat(), Qt::PlainText) << label->text().toStdString();
+    }
+}
+
+// Results come and go without moving the form, in the light and the dark look; VELNORA_SHOT_DIR
+// keeps the pictures for a person to look at.
+TEST_F(WindowsTest, ResultsNeverMoveTheFormInEitherLook)
+{
+    auto window = makeWindow();
+    ApiSettingsPage* api = window->apiPage();
+    GeneralSettingsPage* general = window->generalPage();
+    const auto positions = [&] {
+        QList<QPoint> points;
+        for (QWidget* widget :
+             {static_cast<QWidget*>(api->testButton()), static_cast<QWidget*>(api->systemPromptField()),
+              static_cast<QWidget*>(general->launchAtLoginBox()),
+              static_cast<QWidget*>(general->browserSection()),
+              static_cast<QWidget*>(window->saveButton())}) {
+            if (widget->isVisible()) { // the shown tab; a grab lays out the hidden one as well
+                points << widget->mapTo(window, QPoint(0, 0));
+            }
+        }
+        return points;
+    };
+    const QString shots = qEnvironmentVariable("VELNORA_SHOT_DIR");
+    for (int page = 0; page < window->tabs()->count(); ++page) {
+        window->tabs()->setCurrentIndex(page);
+        ASSERT_EQ(test::clippedInEitherAppearance(window), QStringList());
+        // Wrapped lines learn their width from the first layout: let it settle as it does on screen.
+        for (int pass = 0; pass < 3; ++pass) {
+            window->layout()->activate();
+            QCoreApplication::processEvents();
+        }
+        const QList<QPoint> quiet = positions();
+        api->modelListResult()->showMessage("5 个可用模型", Tone::success);
+        api->testResult()->showMessage("连接成功，模型回复：“你好”", Tone::success);
+        general->hotKeySection()->resultLine()->showMessage(
+            "快捷键 Ctrl+Alt+E 已被其他应用占用，请在菜单栏中更换。", Tone::error);
+        window->statusLine()->showMessage("设置已保存。", Tone::success);
+        window->layout()->activate();
+        QCoreApplication::processEvents();
+        EXPECT_EQ(positions(), quiet) << "page " << page;
+        if (!shots.isEmpty()) {
+            window->grab().save(QStringLiteral("%1/settings-%2-light.png").arg(shots).arg(page));
+            QApplication::setPalette(OverlayStyle::darkPalette());
+            QCoreApplication::processEvents();
+            window->grab().save(QStringLiteral("%1/settings-%2-dark.png").arg(shots).arg(page));
+            QApplication::setPalette(QApplication::style()->standardPalette());
+        }
+        for (ResultLine* line : {api->modelListResult(), api->testResult(),
+                                 general->hotKeySection()->resultLine(), window->statusLine()}) {
+            line->clearMessage();
+        }
+        window->layout()->activate();
+        QCoreApplication::processEvents();
+        EXPECT_EQ(positions(), quiet) << "page " << page;
     }
 }

@@ -35,13 +35,12 @@ HotKeySection::HotKeySection(Apply apply, QWidget* parent)
     auto* choiceRow = new QHBoxLayout;
     choiceRow->addWidget(label);
     choiceRow->addWidget(m_choices, 1);
-    auto* recorderRow = new QHBoxLayout;
-    recorderRow->addWidget(m_recorderHint);
-    recorderRow->addWidget(m_recorder, 1);
+    choiceRow->addSpacing(12);
+    choiceRow->addWidget(m_recorderHint);
+    choiceRow->addWidget(m_recorder, 1);
     auto* layout = new QVBoxLayout(this);
     layout->setSpacing(8);
     layout->addLayout(choiceRow);
-    layout->addLayout(recorderRow);
     layout->addWidget(m_result);
     // The recorder row keeps its place while hidden, so choosing "自定义…" moves nothing.
     for (QWidget* widget : {static_cast<QWidget*>(m_recorderHint), static_cast<QWidget*>(m_recorder)}) {

@@ -2,6 +2,7 @@
 
 #include <QEvent>
 #include <QResizeEvent>
+#include <QStringList>
 
 namespace velnora {
 
@@ -94,15 +95,23 @@ void ResultLine::resizeEvent(QResizeEvent* event)
     QLabel::resizeEvent(event);
     m_laidOut = true;
     if (event->oldSize().width() != width()) {
-        updateGeometry();
+        // Asked during the layout pass that resized us, the layout would drop the request.
+        QMetaObject::invokeMethod(this, &ResultLine::updateGeometry, Qt::QueuedConnection);
     }
+}
+
+int ResultLine::heightForWidth(int width) const
+{
+    // Measured on Chinese text: its fallback font may be taller than the Latin font's line spacing.
+    const QString sample = QStringList(m_reservedLines, QStringLiteral("澜Ag")).join(u'\n');
+    const int reserved =
+        fontMetrics().boundingRect(QRect(0, 0, 10000, 10000), Qt::TextWordWrap, sample).height() + 2 * margin();
+    return std::max(reserved, text().isEmpty() ? 0 : QLabel::heightForWidth(width));
 }
 
 QSize ResultLine::fitted(QSize size) const
 {
-    const int reserved = fontMetrics().lineSpacing() * m_reservedLines + 2 * margin();
-    const int needed = text().isEmpty() ? 0 : heightForWidth(m_laidOut ? width() : assumedWidth);
-    size.setHeight(std::max(reserved, needed));
+    size.setHeight(heightForWidth(m_laidOut ? width() : assumedWidth));
     return size;
 }
 

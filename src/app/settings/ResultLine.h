@@ -30,6 +30,8 @@ public:
 
     QSize sizeHint() const override;
     QSize minimumSizeHint() const override;
+    // Layouts size a wrapped line by this: never less than the reserved lines.
+    int heightForWidth(int width) const override;
 
 protected:
     void changeEvent(QEvent* event) override;
