@@ -80,15 +80,15 @@ AboutWindow::AboutWindow(ProductUpdates* updates, QWidget* parent)
     header->addLayout(identity, 1);
 
     m_applicationStatus = statusLabel(this);
-    m_checkApplication = new QPushButton(QStringLiteral("检查更新"), this);
-    m_download = new QPushButton(QStringLiteral("前往下载"), this);
+    m_checkApplication = new QPushButton(QStringLiteral("检查更新(&U)"), this);
+    m_download = new QPushButton(QStringLiteral("前往下载(&D)"), this);
     auto* applicationButtons = new QHBoxLayout;
     applicationButtons->addStretch(1);
     applicationButtons->addWidget(m_download);
     applicationButtons->addWidget(m_checkApplication);
 
     m_extensionStatus = statusLabel(this);
-    m_checkExtension = new QPushButton(QStringLiteral("检查扩展更新"), this);
+    m_checkExtension = new QPushButton(QStringLiteral("检查扩展更新(&X)"), this);
     auto* extensionButtons = new QHBoxLayout;
     extensionButtons->addStretch(1);
     extensionButtons->addWidget(m_checkExtension);

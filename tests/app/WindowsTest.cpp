@@ -368,6 +368,24 @@ TEST_F(WindowsTest, TheKeyboardSavesClosesAndMovesAsTheScreenReads)
     EXPECT_TRUE(clean.isNull());
 }
 
+TEST_F(WindowsTest, AnOpenWindowFollowsTheTrayMenuExceptWhereTheUserChangedAChoice)
+{
+    auto window = makeWindow();
+    GeneralSettingsPage* general = window->generalPage();
+    configuration.setExecutionMode(ExecutionMode::api);
+    EXPECT_EQ(general->modeBox()->currentData(), "api");
+    EXPECT_FALSE(window->isModified());
+
+    choose(general->depthBox(), "deep");
+    configuration.setExplanationDepth(ExplanationDepth::fast);
+    configuration.setExecutionMode(ExecutionMode::browser);
+    EXPECT_EQ(general->depthBox()->currentData(), "deep");
+    EXPECT_EQ(general->modeBox()->currentData(), "browser");
+    ASSERT_TRUE(save(window));
+    EXPECT_EQ(configuration.explanationDepth(), ExplanationDepth::deep);
+    EXPECT_EQ(configuration.executionMode(), ExecutionMode::browser);
+}
+
 TEST_F(WindowsTest, LaunchAtLoginIsSwitchedFromTheWindow)
 {
     test::TemporaryHome home;

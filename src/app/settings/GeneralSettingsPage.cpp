@@ -96,26 +96,44 @@ GeneralSettingsPage::GeneralSettingsPage(Services services, QWidget* parent)
     layout->addWidget(m_browser);
     layout->addStretch(1);
 
-    // The tray menu changes the mode and the services too; an open window follows it unless the
-    // user is editing them.
+    // The tray menu changes the mode and the hot key too; an open window follows it, except for a
+    // choice the user has already changed here.
     connect(m_services.configuration, &ConfigurationStore::configurationDidChange, this, [this] {
-        if (!isModified()) {
-            loadChoices();
+        loadChoices(false);
+        const HotKeyChoice saved = HotKeyChoice::fromID(m_services.configuration->globalHotKeyID());
+        if (m_hotKey->choiceBox()->currentData().toString() != saved.id && !m_hotKey->isRecording()) {
+            m_hotKey->showChoice(saved);
         }
     });
 }
 
-void GeneralSettingsPage::loadChoices()
+GeneralSettingsPage::Choices GeneralSettingsPage::shownChoices() const
+{
+    return {selected<ExecutionMode>(m_mode), selected<BrowserProvider>(m_browserProvider),
+            selected<ExplanationDepth>(m_depth)};
+}
+
+void GeneralSettingsPage::loadChoices(bool all)
 {
     const ConfigurationStore& store = *m_services.configuration;
-    m_mode->setCurrentIndex(m_mode->findData(rawValue(store.executionMode())));
-    m_browserProvider->setCurrentIndex(m_browserProvider->findData(rawValue(store.browserProvider())));
-    m_depth->setCurrentIndex(m_depth->findData(rawValue(store.explanationDepth())));
+    const Choices shown = shownChoices();
+    if (all || shown.mode == m_loadedChoices.mode) {
+        m_mode->setCurrentIndex(m_mode->findData(rawValue(store.executionMode())));
+        m_loadedChoices.mode = store.executionMode();
+    }
+    if (all || shown.browserProvider == m_loadedChoices.browserProvider) {
+        m_browserProvider->setCurrentIndex(m_browserProvider->findData(rawValue(store.browserProvider())));
+        m_loadedChoices.browserProvider = store.browserProvider();
+    }
+    if (all || shown.depth == m_loadedChoices.depth) {
+        m_depth->setCurrentIndex(m_depth->findData(rawValue(store.explanationDepth())));
+        m_loadedChoices.depth = store.explanationDepth();
+    }
 }
 
 void GeneralSettingsPage::load()
 {
-    loadChoices();
+    loadChoices(true);
     const HotKeyChoice current = HotKeyChoice::fromID(m_services.configuration->globalHotKeyID());
     const std::optional<QString> problem =
         m_services.hotKeyProblem ? m_services.hotKeyProblem() : std::nullopt;
@@ -131,9 +149,8 @@ void GeneralSettingsPage::load()
 bool GeneralSettingsPage::isModified() const
 {
     const ConfigurationStore& store = *m_services.configuration;
-    return selected<ExecutionMode>(m_mode) != store.executionMode() ||
-           selected<BrowserProvider>(m_browserProvider) != store.browserProvider() ||
-           selected<ExplanationDepth>(m_depth) != store.explanationDepth();
+    return shownChoices() !=
+           Choices{store.executionMode(), store.browserProvider(), store.explanationDepth()};
 }
 
 void GeneralSettingsPage::save()
@@ -149,6 +166,7 @@ void GeneralSettingsPage::save()
     if (const auto depth = selected<ExplanationDepth>(m_depth); depth && *depth != store.explanationDepth()) {
         store.setExplanationDepth(*depth);
     }
+    m_loadedChoices = shownChoices();
 }
 
 void GeneralSettingsPage::setLaunchAtLogin(bool enabled)

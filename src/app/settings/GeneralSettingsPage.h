@@ -3,6 +3,7 @@
 #include "app/settings/HotKeySection.h"
 #include "app/settings/SettingsPage.h"
 #include "bridge/RequestStore.h"
+#include "config/ProviderCatalog.h"
 
 #include <QUrl>
 #include <functional>
@@ -58,8 +59,18 @@ Q_SIGNALS:
     void launchAtLoginChanged(bool enabled);
 
 private:
-    // Shows what the store holds for the three choices the tray menu can change too.
-    void loadChoices();
+    struct Choices
+    {
+        std::optional<ExecutionMode> mode;
+        std::optional<BrowserProvider> browserProvider;
+        std::optional<ExplanationDepth> depth;
+        friend bool operator==(const Choices&, const Choices&) = default;
+    };
+
+    Choices shownChoices() const;
+    // Shows what the store holds for the choices the tray menu can change too; unless `all`, only
+    // for the choices the user has not changed here.
+    void loadChoices(bool all);
     void setLaunchAtLogin(bool enabled);
 
     Services m_services;
@@ -73,6 +84,7 @@ private:
     BrowserConnectionSection* m_browser;
     QPushButton* m_about;
     QPushButton* m_updates;
+    Choices m_loadedChoices;
 };
 
 } // namespace velnora

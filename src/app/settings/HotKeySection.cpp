@@ -86,6 +86,11 @@ void HotKeySection::showCurrent(const HotKeyChoice& current)
     m_recorder->hide();
 }
 
+bool HotKeySection::isRecording() const
+{
+    return !m_recorder->isHidden();
+}
+
 void HotKeySection::choose(int index)
 {
     const QString id = m_choices->itemData(index).toString();

@@ -29,6 +29,9 @@ public:
     void load(const HotKeyChoice& current, bool registered, const QString& conflict);
     // Records a combination as if the user had pressed it in the recorder.
     void record(const QKeyCombination& combination);
+    // Shows a choice made elsewhere (the tray menu).
+    void showChoice(const HotKeyChoice& current) { showCurrent(current); }
+    bool isRecording() const;
 
     QComboBox* choiceBox() const { return m_choices; }
     QKeySequenceEdit* recorder() const { return m_recorder; }

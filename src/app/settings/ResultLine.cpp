@@ -105,7 +105,8 @@ int ResultLine::heightForWidth(int width) const
     // Measured on Chinese text: its fallback font may be taller than the Latin font's line spacing.
     const QString sample = QStringList(m_reservedLines, QStringLiteral("澜Ag")).join(u'\n');
     const int reserved =
-        fontMetrics().boundingRect(QRect(0, 0, 10000, 10000), Qt::TextWordWrap, sample).height() + 2 * margin();
+        fontMetrics().boundingRect(QRect(0, 0, 10000, 10000), Qt::TextWordWrap, sample).height() +
+        2 * margin();
     return std::max(reserved, text().isEmpty() ? 0 : QLabel::heightForWidth(width));
 }
 
