@@ -12,6 +12,8 @@
 #include "config/KeychainStore.h"
 #include "config/PromptLibrary.h"
 #include "config/ProviderCatalog.h"
+#include "config/SecretServiceBackend.h"
+#include "llm/ProviderDiagnostics.h"
 #include "overlay/OverlayStyle.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/TestEnvironment.h"
@@ -384,6 +386,41 @@ TEST_F(WindowsTest, AnOpenWindowFollowsTheTrayMenuExceptWhereTheUserChangedAChoi
     ASSERT_TRUE(save(window));
     EXPECT_EQ(configuration.explanationDepth(), ExplanationDepth::deep);
     EXPECT_EQ(configuration.executionMode(), ExecutionMode::browser);
+}
+
+// Closing right after saving waits for the key's write; a failed write keeps the window and the key.
+TEST_F(WindowsTest, AKeyOnItsWayToTheKeyringIsNeitherLostNorClosedAway)
+{
+    const struct
+    {
+        int32_t addStatus;
+        bool closes;
+    } cases[] = {{KeychainError::timedOut, false}, {0, true}};
+    for (const auto& c : cases) {
+        keychain.addItem = [status = c.addStatus](const KeychainItem& item) {
+            return status != 0 ? status : SecretServiceBackend::addItem(item);
+        };
+        auto window = makeWindow();
+        ApiSettingsPage* api = window->apiPage();
+        choose(api->providerBox(), "qwen");
+        retype(api->apiKeyField(), "sk-on-its-way");
+        ASSERT_TRUE(window->save());
+        window->close();
+        EXPECT_FALSE(window.isNull());
+        ASSERT_TRUE(test::waitUntil([&] { return window.isNull() || !window->isWriting(); }, 10000));
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        EXPECT_EQ(window.isNull(), c.closes) << c.addStatus;
+        if (!c.closes) {
+            EXPECT_EQ(window->statusLine()->text(),
+                      "其他设置已保存，但「" + ProviderDefinition::definition("qwen").title +
+                          "」的 API Key 没有保存成功：" +
+                          ProviderDiagnostics::diagnose(KeychainError(KeychainError::timedOut)).summary);
+            EXPECT_EQ(api->apiKeyField()->text(), "sk-on-its-way");
+            EXPECT_TRUE(window->isModified());
+        }
+        EXPECT_EQ(storedKey("qwen"), c.closes ? std::optional<QString>("sk-on-its-way") : std::nullopt);
+    }
+    keychain.saveAPIKey("", "qwen");
 }
 
 TEST_F(WindowsTest, LaunchAtLoginIsSwitchedFromTheWindow)

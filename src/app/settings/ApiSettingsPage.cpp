@@ -281,8 +281,8 @@ void ApiSettingsPage::runKeychain(std::function<KeychainReply(KeychainStore&)> w
     KeychainTask::start(this, *m_keychain, std::move(work),
                         [this, done = std::move(done)](const KeychainReply& reply) {
                             --m_keychainCalls;
-                            updateBusyButtons();
                             done(reply);
+                            updateBusyButtons();
                         });
 }
 
@@ -378,32 +378,41 @@ void ApiSettingsPage::save()
         }
         const QString providerID = it.key();
         const QString key = it->key;
+        ++m_writes;
         runKeychain(
             [providerID, key](KeychainStore& worker) {
                 worker.saveAPIKey(key, providerID);
                 return KeychainReply{};
             },
-            [this, providerID](const KeychainReply& reply) {
+            [this, providerID, key](const KeychainReply& reply) {
+                --m_writes;
                 m_keychain->dropCachedKey(providerID); // written by the worker's own store
-                if (reply.error) {
-                    const QString title = ProviderDefinition::definition(providerID).title;
-                    Q_EMIT reported(
-                        QStringLiteral("其他设置已保存，但「%1」的 API Key 没有保存成功：").arg(title) +
-                            ProviderDiagnostics::diagnose(*reply.error).summary,
-                        Tone::error);
+                if (!reply.error) {
+                    if (providerID == m_shownProviderID && !m_keyEdited) {
+                        refreshKeyStatus(providerID);
+                    }
                     return;
                 }
-                m_drafts.remove(providerID);
+                // The typed key is an unsaved edit again, so it is neither lost nor closed away.
                 if (providerID == m_shownProviderID) {
-                    m_keyEdited = false;
-                    refreshKeyStatus(providerID);
+                    m_keyEdited = true;
+                    m_apiKey->setText(key);
+                } else {
+                    Draft draft = m_drafts.value(providerID, storedDraft(providerID));
+                    draft.key = key;
+                    draft.keyEdited = true;
+                    m_drafts.insert(providerID, draft);
                 }
+                const QString title = ProviderDefinition::definition(providerID).title;
+                Q_EMIT reported(
+                    QStringLiteral("其他设置已保存，但「%1」的 API Key 没有保存成功：").arg(title) +
+                        ProviderDiagnostics::diagnose(*reply.error).summary,
+                    Tone::error);
             });
     }
-    // Saved drafts are the store's values now; unsaved keys stay until their write answers.
-    for (auto it = m_drafts.begin(); it != m_drafts.end();) {
-        it = it->keyEdited ? std::next(it) : m_drafts.erase(it);
-    }
+    // Everything is the store's now, or on its way there.
+    m_drafts.clear();
+    m_keyEdited = false;
 }
 
 void ApiSettingsPage::withFormConfiguration(ResultLine* line,
@@ -540,6 +549,7 @@ void ApiSettingsPage::repairKeychainAccess()
     const QString providerID = m_shownProviderID;
     const QString name = ProviderDefinition::definition(providerID).title;
     m_testResult->showMessage(QStringLiteral("正在修复钥匙串授权…"), Tone::info);
+    ++m_writes;
     runKeychain(
         [providerID](KeychainStore& store) {
             return KeychainReply{store.repairAccess(providerID), {}, {}};
@@ -564,6 +574,7 @@ void ApiSettingsPage::repairKeychainAccess()
 
 void ApiSettingsPage::updateBusyButtons()
 {
+    Q_EMIT busyChanged();
     m_test->setEnabled(!m_testing);
     m_test->setText(m_testing ? QStringLiteral("正在测试…") : QStringLiteral("测试连接(&T)"));
     m_fetchModels->setEnabled(!m_fetchingModels);

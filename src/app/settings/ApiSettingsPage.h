@@ -39,6 +39,7 @@ public:
     void save() override;
     bool isModified() const override;
     bool isBusy() const override;
+    bool isWriting() const override { return m_writes > 0; }
 
     void testConnection();
     void fetchModels();
@@ -118,6 +119,7 @@ private:
     bool m_testing = false; // from the key lookup to the test's end
     bool m_fetchingModels = false;
     int m_keychainCalls = 0;
+    int m_writes = 0; // key writes and repairs not answered yet
 };
 
 } // namespace velnora

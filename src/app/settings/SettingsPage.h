@@ -25,10 +25,14 @@ public:
     virtual bool isModified() const = 0;
     // Whether the page still waits for work it started (a key being stored, a request).
     virtual bool isBusy() const { return false; }
+    // Whether a write the user asked for has not answered yet; the window stays open for it.
+    virtual bool isWriting() const { return false; }
 
 Q_SIGNALS:
     // A sentence for the window's status line, for outcomes that arrive after save() returned.
     void reported(const QString& message, Tone tone);
+    // isBusy() or isWriting() may have changed.
+    void busyChanged();
 };
 
 } // namespace velnora

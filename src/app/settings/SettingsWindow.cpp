@@ -77,7 +77,15 @@ SettingsWindow::SettingsWindow(Collaborators collaborators, QWidget* parent)
     connect(m_save, &QPushButton::clicked, this, [this] { save(); });
     connect(m_close, &QPushButton::clicked, this, &QWidget::close);
     for (SettingsPage* page : m_pages) {
-        connect(page, &SettingsPage::reported, m_status, &ResultLine::showMessage);
+        connect(page, &SettingsPage::reported, this, [this](const QString& message, Tone tone) {
+            m_status->showMessage(message, tone);
+            m_closeWhenIdle = false; // the user has to see this first
+        });
+        connect(page, &SettingsPage::busyChanged, this, [this] {
+            if (m_closeWhenIdle && !isWriting()) {
+                close();
+            }
+        });
     }
     connect(m_api, &ApiSettingsPage::fieldNeedsAttention, this, [this] { m_tabs->setCurrentWidget(m_api); });
     connect(m_general, &GeneralSettingsPage::aboutRequested, this, &SettingsWindow::aboutRequested);
@@ -149,6 +157,12 @@ bool SettingsWindow::isBusy() const
                        [](const SettingsPage* page) { return page->isBusy(); });
 }
 
+bool SettingsWindow::isWriting() const
+{
+    return std::any_of(m_pages.cbegin(), m_pages.cend(),
+                       [](const SettingsPage* page) { return page->isWriting(); });
+}
+
 void SettingsWindow::keyPressEvent(QKeyEvent* event)
 {
     switch (event->key()) {
@@ -172,7 +186,7 @@ void SettingsWindow::keyPressEvent(QKeyEvent* event)
 void SettingsWindow::closeEvent(QCloseEvent* event)
 {
     if (!isModified()) {
-        event->accept();
+        acceptClose(event);
         return;
     }
     QMessageBox question(QMessageBox::Question, QStringLiteral("设置 — 澜镜"),
@@ -183,10 +197,23 @@ void SettingsWindow::closeEvent(QCloseEvent* event)
     question.setDefaultButton(saveButton);
     question.exec();
     if (question.clickedButton() == discardButton || (question.clickedButton() == saveButton && save())) {
-        event->accept();
+        acceptClose(event);
     } else {
         event->ignore();
     }
+}
+
+void SettingsWindow::acceptClose(QCloseEvent* event)
+{
+    // A key still on its way to the keyring: the window stays until the write answers, so a
+    // failure is seen and the typed key is not lost.
+    if (isWriting()) {
+        m_closeWhenIdle = true;
+        m_status->showMessage(QStringLiteral("正在完成钥匙串操作，完成后自动关闭窗口…"), Tone::info);
+        event->ignore();
+        return;
+    }
+    event->accept();
 }
 
 } // namespace velnora

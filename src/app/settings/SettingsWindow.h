@@ -54,6 +54,8 @@ public:
     // Whether any page holds edits that were not saved.
     bool isModified() const;
     bool isBusy() const;
+    // Whether a key write or repair has not answered yet; closing waits for it.
+    bool isWriting() const;
 
     GeneralSettingsPage* generalPage() const { return m_general; }
     ApiSettingsPage* apiPage() const { return m_api; }
@@ -75,6 +77,7 @@ protected:
 
 private:
     void showPage(SettingsPage* page);
+    void acceptClose(QCloseEvent* event);
 
     Collaborators m_collaborators;
     ResultLine* m_banner;
@@ -86,6 +89,7 @@ private:
     QPushButton* m_close;
     QPushButton* m_save;
     bool m_loaded = false;
+    bool m_closeWhenIdle = false;
 };
 
 } // namespace velnora
