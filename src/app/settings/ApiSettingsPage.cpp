@@ -36,13 +36,6 @@ QString typedKey(const QString& text)
     return QString(text).remove(QChar(0xE000));
 }
 
-QLabel* buddyLabel(const QString& text, QWidget* field, QWidget* parent)
-{
-    auto* label = new QLabel(text, parent);
-    label->setBuddy(field);
-    return label;
-}
-
 // The field the policy objects to, trying the address before the model; none when accepted.
 std::optional<ProviderField> policyFault(const QString& providerID, const QString& baseURL,
                                          const QString& model, const ApiSettingsPage::AddressPolicy& policy)
@@ -145,14 +138,14 @@ ApiSettingsPage::ApiSettingsPage(ConfigurationStore* configuration, KeychainStor
     form->setLabelAlignment(Qt::AlignRight | Qt::AlignVCenter);
     form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
     form->setHorizontalSpacing(12);
-    form->addRow(buddyLabel(QStringLiteral("API 服务(&P)"), m_provider, this), m_provider);
+    form->addRow(labelFor(QStringLiteral("API 服务(&P)"), m_provider, this), m_provider);
     form->addRow(QString(), m_providerCaption);
-    form->addRow(buddyLabel(QStringLiteral("API &Key"), m_apiKey, this), m_apiKey);
+    form->addRow(labelFor(QStringLiteral("API &Key"), m_apiKey, this), m_apiKey);
     form->addRow(QString(), m_keyStatus);
-    form->addRow(buddyLabel(QStringLiteral("Base &URL"), m_baseURL, this), baseRow);
-    form->addRow(buddyLabel(QStringLiteral("模型(&M)"), m_model, this), modelRow);
+    form->addRow(labelFor(QStringLiteral("Base &URL"), m_baseURL, this), baseRow);
+    form->addRow(labelFor(QStringLiteral("模型(&M)"), m_model, this), modelRow);
     form->addRow(QString(), m_modelListResult);
-    form->addRow(buddyLabel(QStringLiteral("系统提示词(&Y)"), m_systemPrompt, this), m_systemPrompt);
+    form->addRow(labelFor(QStringLiteral("系统提示词(&Y)"), m_systemPrompt, this), m_systemPrompt);
     form->addRow(QString(), promptRow);
 
     m_test = new QPushButton(QStringLiteral("测试连接(&T)"), this);

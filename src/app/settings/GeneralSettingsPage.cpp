@@ -23,13 +23,6 @@ template <typename Enum> std::optional<Enum> selected(const QComboBox* box)
     return fromRawValue<Enum>(box->currentData().toString());
 }
 
-QLabel* buddyLabel(const QString& text, QWidget* field, QWidget* parent)
-{
-    auto* label = new QLabel(text, parent);
-    label->setBuddy(field);
-    return label;
-}
-
 } // namespace
 
 GeneralSettingsPage::GeneralSettingsPage(Services services, QWidget* parent)
@@ -60,9 +53,9 @@ GeneralSettingsPage::GeneralSettingsPage(Services services, QWidget* parent)
     form->setLabelAlignment(Qt::AlignRight | Qt::AlignVCenter);
     form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
     form->setHorizontalSpacing(12);
-    form->addRow(buddyLabel(QStringLiteral("运行模式(&M)"), m_mode, this), m_mode);
-    form->addRow(buddyLabel(QStringLiteral("网页会话服务(&W)"), m_browserProvider, this), m_browserProvider);
-    form->addRow(buddyLabel(QStringLiteral("解释深度(&D)"), m_depth, this), m_depth);
+    form->addRow(labelFor(QStringLiteral("运行模式(&M)"), m_mode, this), m_mode);
+    form->addRow(labelFor(QStringLiteral("网页会话服务(&W)"), m_browserProvider, this), m_browserProvider);
+    form->addRow(labelFor(QStringLiteral("解释深度(&D)"), m_depth, this), m_depth);
     form->addRow(QString(), m_depthHint);
 
     m_hotKey = new HotKeySection(m_services.applyHotKey, this);

@@ -2,6 +2,7 @@
 
 #include "app/settings/ResultLine.h"
 
+#include <QLabel>
 #include <QWidget>
 #include <optional>
 
@@ -27,6 +28,14 @@ public:
     virtual bool isBusy() const { return false; }
     // Whether a write the user asked for has not answered yet; the window stays open for it.
     virtual bool isWriting() const { return false; }
+
+    // A field's label whose mnemonic (the letter after '&') focuses the field.
+    static QLabel* labelFor(const QString& text, QWidget* field, QWidget* parent)
+    {
+        auto* label = new QLabel(text, parent);
+        label->setBuddy(field);
+        return label;
+    }
 
 Q_SIGNALS:
     // A sentence for the window's status line, for outcomes that arrive after save() returned.
