@@ -2,8 +2,8 @@
 
 #include <QFutureWatcher>
 #include <QPromise>
-#include <QThreadPool>
 #include <memory>
+#include <thread>
 
 namespace velnora::KeychainTask {
 

@@ -18,7 +18,7 @@ struct KeychainReply
     std::optional<KeychainError> error;
 };
 
-// Runs keychain work on a pool thread, so a hung service or an unlock prompt never freezes a window,
+// Runs keychain work on a thread of its own, so a hung service or an unlock prompt never freezes a window,
 // and hands the reply to `done` on the context's thread. Nothing arrives once the context is gone.
 // The work gets a detached copy of the store; the caller's cache is left to the caller.
 namespace KeychainTask {
