@@ -71,7 +71,8 @@ QScrollBar::add-page:vertical, QScrollBar::sub-page:vertical { background: trans
 QToolTip { color: %1; background: %11; border: 1px solid %3; padding: 3px 6px; }
 )")
         .arg(label, rgba(c.secondaryLabel), rgba(c.separator), rgba(c.accent), rgba(c.controlBackground),
-             rgba(c.tertiaryLabel), rgba(c.dark ? c.controlBackground.lighter(130) : c.controlBackground.darker(106)),
+             rgba(c.tertiaryLabel),
+             rgba(c.dark ? c.controlBackground.lighter(130) : c.controlBackground.darker(106)),
              rgba(faded(c.accent, 0.45)), rgba(faded(c.red, 0.12)))
         .arg(rgba(c.red), rgba(c.background));
 }
@@ -127,11 +128,13 @@ void OverlayPanelController::buildCard()
 {
     m_panel = new ExplanationPanel;
     connect(m_panel, &ExplanationPanel::closed, this, &OverlayPanelController::panelClosed);
-    connect(m_panel, &ExplanationPanel::applicationPaletteChanged, this, &OverlayPanelController::applyColors);
+    connect(m_panel, &ExplanationPanel::applicationPaletteChanged, this,
+            &OverlayPanelController::applyColors);
 
     auto* column = new QVBoxLayout(m_panel);
     const QMargins shadow = m_panel->shadowMargins();
-    column->setContentsMargins(shadow.left() + 12, shadow.top() + 12, shadow.right() + 12, shadow.bottom() + 12);
+    column->setContentsMargins(shadow.left() + 12, shadow.top() + 12, shadow.right() + 12,
+                               shadow.bottom() + 12);
     column->setSpacing(8);
 
     // Identity and status on one row, the toolbar at its end.
@@ -183,7 +186,6 @@ void OverlayPanelController::buildCard()
     m_outputTextView = new AnswerView(m_panel);
     m_outputTextView->setObjectName(QStringLiteral("outputTextView"));
     m_outputTextView->setAccessibleName(QStringLiteral("解释内容"));
-    m_outputTextView->setOpenExternalLinks(true);
     m_outputTextView->setFrameShape(QFrame::NoFrame);
     m_outputTextView->setFocusPolicy(Qt::ClickFocus);
     m_outputTextView->viewport()->setAutoFillBackground(false);
@@ -250,7 +252,8 @@ PillPanel* OverlayPanelController::pillPanel()
         m_pillPanel->setColors(m_colours);
         connect(m_pillPanel, &PillPanel::clicked, this, &OverlayPanelController::restoreFromPill);
         connect(m_pillPanel, &PillPanel::closeRequested, this, &OverlayPanelController::closeCard);
-        connect(m_pillPanel, &PillPanel::dragFinished, this, [this](const QPoint& origin) { m_pillOrigin = origin; });
+        connect(m_pillPanel, &PillPanel::dragFinished, this,
+                [this](const QPoint& origin) { m_pillOrigin = origin; });
     }
     return m_pillPanel;
 }
@@ -271,7 +274,7 @@ void OverlayPanelController::applyColors()
     if (m_pillPanel) {
         m_pillPanel->setColors(m_colours);
     }
-    setStatus(m_statusLabel->text(), m_statusTone);
+    applyStatusColour();
     // The document holds fixed colours: a theme switch needs a fresh render.
     if (!m_sourceMarkdown.isEmpty()) {
         renderImmediately();
@@ -294,8 +297,17 @@ void OverlayPanelController::updateIdentity(const ProviderDefinition& provider, 
 
 void OverlayPanelController::setStatus(const QString& text, CardStatusTone tone)
 {
+    // Called for every piece of a streaming answer: a style sheet is only parsed again on a change.
+    if (tone == m_statusTone && text == m_statusLabel->text()) {
+        return;
+    }
     m_statusTone = tone;
     m_statusLabel->setText(text);
+    applyStatusColour();
+}
+
+void OverlayPanelController::applyStatusColour()
+{
     const QColor colour = statusColor();
     m_statusDotView->setColor(colour);
     QPalette palette = m_statusLabel->palette();
@@ -347,8 +359,11 @@ void OverlayPanelController::present(const ProviderDefinition& provider, Explana
     updateIdentity(provider, depth);
     setStatus(QStringLiteral("正在连接"), CardStatusTone::waiting);
     m_pendingFixField.reset();
+    m_answerFollowsFallback = false;
+    m_attemptUnanswered = false;
 
     m_sourceMarkdown.clear();
+    m_responseStart = 0;
     m_renderTimer.stop();
     m_outputTextView->clear();
 
@@ -375,6 +390,7 @@ void OverlayPanelController::continueSession(const ProviderDefinition& provider,
 {
     m_currentDepth = depth;
     updateIdentity(provider, depth);
+    m_answerFollowsFallback = false;
     m_followUpField->clear();
     setInputEnabled(false);
     m_stopButton->show();
@@ -393,11 +409,17 @@ void OverlayPanelController::continueSession(const ProviderDefinition& provider,
 
 void OverlayPanelController::beginResponse(bool isFollowUp)
 {
-    if (isFollowUp && !m_sourceMarkdown.isEmpty()) {
-        m_sourceMarkdown += QStringLiteral("\n\n---\n\n");
+    if (m_attemptUnanswered && !isFollowUp) {
+        // A retry: its answer takes the place of the error or the stop it follows.
+        m_sourceMarkdown.truncate(m_responseStart);
+        renderImmediately();
+    } else if (isFollowUp && m_sourceMarkdown.size() > m_responseStart) {
+        appendSeparated(QStringLiteral("---\n\n"));
         renderImmediately();
     }
-    setStatus(QStringLiteral("正在解释"), CardStatusTone::working);
+    m_attemptUnanswered = false;
+    m_responseStart = m_sourceMarkdown.size();
+    setStatus(QStringLiteral("正在连接"), CardStatusTone::waiting);
     m_isStreaming = true;
     m_stopButton->show();
     m_retryButton->hide();
@@ -423,15 +445,37 @@ void OverlayPanelController::scheduleRender()
 void OverlayPanelController::renderImmediately()
 {
     m_renderTimer.stop();
+    QScrollBar* bar = m_outputTextView->verticalScrollBar();
+    // Someone who scrolled back to read the start keeps their place while the rest streams in.
+    const bool followsEnd = bar->value() >= bar->maximum() - followEndTolerance;
+    const int readingAt = bar->value();
     MarkdownRenderer::render(m_sourceMarkdown, *m_outputTextView->document(), m_colours);
     ++m_renderCount;
-    scrollToEnd();
+    if (followsEnd) {
+        scrollToEnd();
+    } else {
+        m_outputTextView->document()->documentLayout()->documentSize();
+        bar->setValue(readingAt);
+    }
+}
+
+void OverlayPanelController::appendSeparated(const QString& text)
+{
+    m_sourceMarkdown += MarkdownRenderer::fenceCloser(m_sourceMarkdown);
+    if (!m_sourceMarkdown.trimmed().isEmpty()) {
+        while (!m_sourceMarkdown.endsWith(QStringLiteral("\n\n"))) {
+            m_sourceMarkdown += u'\n';
+        }
+    }
+    m_sourceMarkdown += text;
 }
 
 void OverlayPanelController::scrollToEnd()
 {
     QScrollBar* bar = m_outputTextView->verticalScrollBar();
-    m_outputTextView->document()->documentLayout()->documentSize(); // lays the text out, so the range is current
+    m_outputTextView->document()
+        ->documentLayout()
+        ->documentSize(); // lays the text out, so the range is current
     bar->setValue(bar->maximum());
 }
 
@@ -442,11 +486,12 @@ void OverlayPanelController::finish()
         return;
     }
     renderImmediately();
-    if (m_pendingFixField) {
+    if (m_answerFollowsFallback) {
         setStatus(QStringLiteral("已切换备用配置"), CardStatusTone::warning);
     } else {
         setStatus(QStringLiteral("已完成"), CardStatusTone::success);
     }
+    m_answerFollowsFallback = false;
     m_isStreaming = false;
     m_stopButton->hide();
     m_retryButton->hide();
@@ -458,15 +503,17 @@ void OverlayPanelController::showError(const ProviderDiagnosis& diagnosis)
 {
     m_pendingFixField = diagnosis.field;
     m_fixButton->setVisible(diagnosis.field.has_value());
-    setStatus(diagnosis.field ? QStringLiteral("需要修改设置") : QStringLiteral("请求失败"), CardStatusTone::failure);
+    setStatus(diagnosis.field ? QStringLiteral("需要修改设置") : QStringLiteral("请求失败"),
+              CardStatusTone::failure);
     m_isStreaming = false;
+    m_answerFollowsFallback = false;
 
     if (m_sourceMarkdown.trimmed().isEmpty()) {
         m_sourceMarkdown.clear();
-    } else {
-        m_sourceMarkdown += QStringLiteral("\n\n");
+        m_responseStart = 0;
     }
-    m_sourceMarkdown += QStringLiteral("⚠️ ") + diagnosis.message();
+    appendSeparated(QStringLiteral("⚠️ ") + diagnosis.message());
+    m_attemptUnanswered = true;
     renderImmediately();
 
     m_stopButton->hide();
@@ -475,15 +522,32 @@ void OverlayPanelController::showError(const ProviderDiagnosis& diagnosis)
     scrollToEnd();
 }
 
+void OverlayPanelController::showStopped()
+{
+    renderImmediately();
+    setStatus(QStringLiteral("已停止"), CardStatusTone::waiting);
+    m_isStreaming = false;
+    m_answerFollowsFallback = false;
+    m_attemptUnanswered = true;
+    m_stopButton->hide();
+    m_fixButton->hide();
+    m_retryButton->show();
+    setInputEnabled(true);
+}
+
 void OverlayPanelController::showFallback(const ProviderDefinition& provider, ExplanationDepth depth,
                                           ProviderField failedField, const QString& notice)
 {
     m_pendingFixField = failedField;
+    m_answerFollowsFallback = true;
+    m_attemptUnanswered = false;
     m_fixButton->hide();
     m_currentDepth = depth;
     updateIdentity(provider, depth);
     setStatus(QStringLiteral("已切换备用配置"), CardStatusTone::warning);
     m_sourceMarkdown = notice;
+    // The notice ends in its own rule: the answer follows it directly.
+    m_responseStart = m_sourceMarkdown.size();
     renderImmediately();
 }
 
@@ -561,7 +625,8 @@ void OverlayPanelController::handleOutsideClick(const QPoint& point)
     // Our other windows (the tray menu, the settings) are not "elsewhere" either: the raw events report
     // our own clicks too.
     for (QWidget* window : QApplication::topLevelWidgets()) {
-        if (window != m_panel && window != m_pillPanel && window->isVisible() && window->geometry().contains(point)) {
+        if (window != m_panel && window != m_pillPanel && window->isVisible() &&
+            window->geometry().contains(point)) {
             return;
         }
     }
@@ -580,7 +645,8 @@ void OverlayPanelController::collapseToPill()
     }
     PillPanel* pill = pillPanel();
     const QSize size = pill->bodySize();
-    const QPoint desired = m_pillOrigin.value_or(OverlayGeometry::defaultPillOrigin(size, screen->visibleFrame));
+    const QPoint desired =
+        m_pillOrigin.value_or(OverlayGeometry::defaultPillOrigin(size, screen->visibleFrame));
     pill->moveBodyTo(OverlayGeometry::pillOrigin(desired, size, screen->visibleFrame));
     bringToFront(pill, true);
     m_panel->hide();

@@ -8,7 +8,6 @@
 #include <QObject>
 #include <QPointer>
 #include <QTimer>
-
 #include <functional>
 #include <memory>
 
@@ -34,9 +33,12 @@ class OverlayPanelController : public QObject, public ExplanationCard
 public:
     // Renders are coalesced: at most one per this interval however fast pieces arrive.
     static constexpr int renderIntervalMs = 60;
+    // How close to the end (pixels) the reader must be for a render to keep following the end.
+    static constexpr int followEndTolerance = 4;
 
-    explicit OverlayPanelController(std::unique_ptr<OutsideClickSource> clicks = OutsideClickSource::createDefault(),
-                                    QObject* parent = nullptr);
+    explicit OverlayPanelController(
+        std::unique_ptr<OutsideClickSource> clicks = OutsideClickSource::createDefault(),
+        QObject* parent = nullptr);
     ~OverlayPanelController() override;
 
     // ExplanationCard
@@ -49,6 +51,7 @@ public:
     void appendText(const QString& piece) override;
     void finish() override;
     void showError(const ProviderDiagnosis& diagnosis) override;
+    void showStopped() override;
     void setStatus(const QString& text, CardStatusTone tone) override;
     void showFallback(const ProviderDefinition& provider, ExplanationDepth depth, ProviderField failedField,
                       const QString& notice) override;
@@ -100,6 +103,9 @@ private:
     void setInputEnabled(bool enabled);
     void refreshPinButton();
     void scrollToEnd();
+    void applyStatusColour();
+    // Appends a block of its own: after any code listing left open and a paragraph break.
+    void appendSeparated(const QString& text);
     void position(const std::optional<QRect>& anchorRect);
     void bringToFront(QWidget* window, bool fade);
     void startOutsideClickMonitor();
@@ -126,6 +132,12 @@ private:
     std::unique_ptr<OutsideClickSource> m_outsideClicks;
     std::optional<QPoint> m_pillOrigin;
     QString m_sourceMarkdown;
+    // Where the answer being streamed (or last attempted) begins in m_sourceMarkdown.
+    qsizetype m_responseStart = 0;
+    // The last attempt ended in an error or a stop without text: a retry replaces what it left.
+    bool m_attemptUnanswered = false;
+    // The answer being streamed comes from the fallback configuration.
+    bool m_answerFollowsFallback = false;
     QTimer m_renderTimer;
     bool m_isStreaming = false;
     std::optional<ProviderField> m_pendingFixField;

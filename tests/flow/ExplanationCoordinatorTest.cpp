@@ -39,6 +39,7 @@ public:
         events << "error";
         error = diagnosis;
     }
+    void showStopped() override { events << "stopped"; }
     void setStatus(const QString&, CardStatusTone) override {}
     void showFallback(const ProviderDefinition&, ExplanationDepth, ProviderField,
                       const QString& notice) override
