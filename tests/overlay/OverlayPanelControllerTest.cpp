@@ -1,5 +1,6 @@
 #include "overlay/OverlayPanelController.h"
 
+#include "overlay/CardProbe.h"
 #include "overlay/ExplanationPanel.h"
 #include "overlay/FollowUpField.h"
 #include "overlay/PillPanel.h"
@@ -15,20 +16,7 @@
 namespace velnora {
 namespace {
 
-// Clicks where no pointer can reach: the desktop's real source cannot be told where to click.
-class FakeClickSource : public OutsideClickSource
-{
-public:
-    bool start(Handler handler) override
-    {
-        handle = std::move(handler);
-        return true;
-    }
-    void stop() override { handle = nullptr; }
-    bool isActive() const override { return handle != nullptr; }
-
-    Handler handle;
-};
+using test::FakeClickSource;
 
 // One screen with a 30-pixel top panel.
 const QList<ScreenArea> fakeScreens{{QRect(0, 0, 1280, 1024), QRect(0, 30, 1280, 994)}};
@@ -57,18 +45,7 @@ protected:
         card->beginResponse(false);
     }
 
-    // The status and what the user can press: the card's state as the user sees it.
-    QString state() const
-    {
-        QStringList offered{card->statusText()};
-        for (QPushButton* button :
-             {card->stopButton(), card->retryButton(), card->fixButton(), card->sendButton()}) {
-            if (button->isVisibleTo(card->panel()) && button->isEnabled()) {
-                offered << button->text();
-            }
-        }
-        return offered.join(" ");
-    }
+    QString state() const { return test::offeredState(*card); }
     QString shownText() const { return card->outputTextView()->toPlainText(); }
     bool cardVisible() const { return card->panel()->isVisible(); }
 
