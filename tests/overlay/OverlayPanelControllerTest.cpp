@@ -3,13 +3,17 @@
 #include "overlay/CardProbe.h"
 #include "overlay/ExplanationPanel.h"
 #include "overlay/FollowUpField.h"
+#include "overlay/MarkdownRenderer.h"
 #include "overlay/PillPanel.h"
 #include "overlay/ToolbarButton.h"
 
 #include <QApplication>
+#include <QDesktopServices>
 #include <QKeyEvent>
 #include <QPushButton>
+#include <QScrollBar>
 #include <QTest>
+#include <QTextBlock>
 #include <QTextBrowser>
 #include <gtest/gtest.h>
 
@@ -17,6 +21,15 @@ namespace velnora {
 namespace {
 
 using test::FakeClickSource;
+
+// Stands in for the desktop's handlers of the schemes a link may carry: it records what the card opened.
+class LinkRecorder : public QObject
+{
+    Q_OBJECT
+public:
+    QList<QUrl> opened;
+    Q_INVOKABLE void open(const QUrl& url) { opened.append(url); }
+};
 
 // One screen with a 30-pixel top panel.
 const QList<ScreenArea> fakeScreens{{QRect(0, 0, 1280, 1024), QRect(0, 30, 1280, 994)}};
@@ -158,5 +171,99 @@ TEST_F(OverlayPanelControllerTest, OutsideClickCollapsesAFinishedUnpinnedCardToT
     EXPECT_EQ(calls, QStringList{"close"});
 }
 
+TEST_F(OverlayPanelControllerTest, WhatFollowsACodeListingCutOffMidwayIsNotCode)
+{
+    const ProviderDiagnosis dropped{"网络不可用或超时，稍后重试。", std::nullopt, std::nullopt};
+    // What is appended after an answer cut inside a listing, and the text that must not be code.
+    const std::tuple<QString, std::function<void()>, QString> cases[]{
+        {"an error", [&] { card->showError(dropped); }, "⚠️ 网络不可用或超时"},
+        {"a follow-up's answer",
+         [&] {
+             card->finish();
+             card->beginResponse(true);
+             card->appendText("追问的回答");
+             card->finish();
+         },
+         "追问的回答"},
+    };
+    for (const auto& [name, append, after] : cases) {
+        for (const QString& cut : {QString("```python\nprint(1)"), QString("前文\n\n  ```\nx = 1\n")}) {
+            present();
+            card->appendText(cut);
+            append();
+            const QTextDocument* document = card->outputTextView()->document();
+            const QTextBlock block = document->find(after).block();
+            ASSERT_TRUE(block.isValid()) << name.toStdString();
+            EXPECT_FALSE(block.blockFormat().hasProperty(MarkdownRenderer::codePanelProperty))
+                << name.toStdString() << " after " << cut.toStdString();
+            EXPECT_TRUE(document->find(cut.contains("print") ? "print(1)" : "x = 1")
+                            .block()
+                            .blockFormat()
+                            .hasProperty(MarkdownRenderer::codePanelProperty))
+                << "the listing itself stays code";
+        }
+    }
+}
+
+TEST_F(OverlayPanelControllerTest, OnlyWebAndMailLinksOpen)
+{
+    LinkRecorder recorder;
+    const QStringList schemes{"http", "https", "mailto", "file", "javascript", "ftp", "data"};
+    for (const QString& scheme : schemes) {
+        QDesktopServices::setUrlHandler(scheme, &recorder, "open");
+    }
+    present();
+    card->appendText("[网页甲](https://example.com/a) [邮件乙](mailto:someone@example.com) "
+                     "[文件丙](file:///etc/passwd) [脚本丁](javascript:alert(1)) [相对戊](notes/x.html) "
+                     "[网页己](http://example.com/b) [数据庚](data:text/html,x) [无址辛](https:///nohost)");
+    card->finish();
+    card->panel()->resize(900, 400);
+    QTextBrowser* view = card->outputTextView();
+    for (const QString& text :
+         {"网页甲", "邮件乙", "文件丙", "脚本丁", "相对戊", "网页己", "数据庚", "无址辛"}) {
+        QTextCursor found = view->document()->find(text);
+        ASSERT_FALSE(found.isNull()) << text.toStdString();
+        found.setPosition(found.selectionStart() + 1);
+        // A press and release on the link, as the user clicks it.
+        QTest::mouseClick(view->viewport(), Qt::LeftButton, {},
+                          view->cursorRect(found).center() + QPoint(3, 0));
+    }
+    for (const QString& scheme : schemes) {
+        QDesktopServices::unsetUrlHandler(scheme);
+    }
+    EXPECT_EQ(recorder.opened, (QList<QUrl>{QUrl("https://example.com/a"), QUrl("mailto:someone@example.com"),
+                                            QUrl("http://example.com/b")}));
+    EXPECT_TRUE(view->source().isEmpty()) << "the card never navigates away from the answer";
+}
+
+TEST_F(OverlayPanelControllerTest, RendersFollowTheEndOnlyWhileTheReaderIsThere)
+{
+    present();
+    QScrollBar* bar = card->outputTextView()->verticalScrollBar();
+    const auto stream = [&](int lines) {
+        for (int i = 0; i < lines; ++i) {
+            card->appendText(QString("第 %1 段回答。\n\n").arg(i));
+        }
+        card->renderImmediately();
+    };
+    stream(80);
+    ASSERT_GT(bar->maximum(), 0);
+    EXPECT_EQ(bar->value(), bar->maximum()) << "a reader at the end follows it";
+
+    bar->setValue(0); // scrolled back to read the start
+    stream(40);
+    EXPECT_EQ(bar->value(), 0);
+    bar->setValue(bar->maximum() / 2);
+    const int middle = bar->value();
+    stream(40);
+    EXPECT_EQ(bar->value(), middle);
+
+    bar->setValue(bar->maximum());
+    stream(40);
+    EXPECT_EQ(bar->value(), bar->maximum());
+}
+
 } // namespace
 } // namespace velnora
+
+#include "OverlayPanelControllerTest.moc"
