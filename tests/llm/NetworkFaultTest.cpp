@@ -35,9 +35,11 @@ public:
         const QDeadlineTimer deadline(10000);
         const QRegularExpression accept(R"(ACCEPT 127\.0\.0\.1:(\d+))");
         QByteArray output;
-        while (m_port == 0 && !deadline.hasExpired() && m_server.waitForReadyRead(int(deadline.remainingTime()))) {
+        while (m_port == 0 && !deadline.hasExpired() &&
+               m_server.waitForReadyRead(int(deadline.remainingTime()))) {
             output += m_server.readAllStandardOutput();
-            if (const QRegularExpressionMatch match = accept.match(QString::fromLatin1(output)); match.hasMatch()) {
+            if (const QRegularExpressionMatch match = accept.match(QString::fromLatin1(output));
+                match.hasMatch()) {
                 m_port = match.captured(1).toUShort();
             }
         }
@@ -49,7 +51,10 @@ public:
     }
 
     bool isListening() const { return m_port != 0; }
-    QUrl url(const QString& path) const { return QUrl("https://127.0.0.1:" + QString::number(m_port) + path); }
+    QUrl url(const QString& path) const
+    {
+        return QUrl("https://127.0.0.1:" + QString::number(m_port) + path);
+    }
 
 private:
     QTemporaryDir m_directory;
@@ -71,7 +76,8 @@ bool canUnshareNetwork()
 {
     QProcess probe;
     probe.start("unshare", {"-rn", "true"});
-    return probe.waitForFinished(10000) && probe.exitStatus() == QProcess::NormalExit && probe.exitCode() == 0;
+    return probe.waitForFinished(10000) && probe.exitStatus() == QProcess::NormalExit &&
+           probe.exitCode() == 0;
 }
 
 } // namespace
@@ -103,7 +109,8 @@ TEST_F(NetworkFaultTest, AnUntrustedCertificateHasItsOwnSentenceAndNamesTheProbl
     const QString selfSigned = QSslError(QSslError::SelfSignedCertificate).errorString();
     for (const ProviderFailure& failure : {*streamed, *listed}) {
         const ProviderDiagnosis diagnosis = ProviderDiagnostics::diagnose(failure);
-        EXPECT_TRUE(diagnosis.summary.startsWith("服务器的安全证书没有通过验证")) << diagnosis.summary.toStdString();
+        EXPECT_TRUE(diagnosis.summary.startsWith("服务器的安全证书没有通过验证"))
+            << diagnosis.summary.toStdString();
         EXPECT_EQ(diagnosis.field, std::nullopt) << "the address is not the user's mistake";
         EXPECT_TRUE(diagnosis.serverDetail.value_or("").contains(selfSigned))
             << diagnosis.serverDetail.value_or("").toStdString();
@@ -111,7 +118,8 @@ TEST_F(NetworkFaultTest, AnUntrustedCertificateHasItsOwnSentenceAndNamesTheProbl
 
     // The program itself says it in Chinese, the certificate problem included.
     const QString output = selfTest(tls.url("/v1").toString());
-    EXPECT_TRUE(output.startsWith("api-stream-self-test: 服务器的安全证书没有通过验证")) << output.toStdString();
+    EXPECT_TRUE(output.startsWith("api-stream-self-test: 服务器的安全证书没有通过验证"))
+        << output.toStdString();
     EXPECT_TRUE(output.contains("服务端原文：") && output.contains("自签名")) << output.toStdString();
     EXPECT_FALSE(output.contains("设置 →")) << output.toStdString();
 }
@@ -124,7 +132,8 @@ TEST(NetworkFault, WithoutANetworkTheUserIsToldSoAndNotToFixTheAddress)
     // A name that needs DNS, and an address that needs a route: neither exists in the namespace.
     for (const QString& url : {QString("https://api.deepseek.com/v1"), QString("https://203.0.113.7/v1")}) {
         const QString output = selfTest(url, {"unshare", "-rn"});
-        EXPECT_TRUE(output.startsWith("api-stream-self-test: 网络不可用或超时，稍后重试。")) << output.toStdString();
+        EXPECT_TRUE(output.startsWith("api-stream-self-test: 网络不可用或超时，稍后重试。"))
+            << output.toStdString();
         EXPECT_FALSE(output.contains("设置 →")) << output.toStdString();
         EXPECT_TRUE(output.endsWith("\n1"));
     }
