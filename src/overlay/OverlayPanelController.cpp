@@ -9,6 +9,7 @@
 #include "overlay/ProviderIconView.h"
 #include "overlay/StatusDotView.h"
 #include "overlay/ToolbarButton.h"
+#include "overlay/X11Desktop.h"
 
 #include <QAbstractTextDocumentLayout>
 #include <QApplication>
@@ -591,6 +592,7 @@ void OverlayPanelController::bringToFront(QWidget* window, bool fade)
     window->setWindowOpacity(fade ? 0.0 : 1.0);
     window->show();
     window->raise();
+    X11Desktop::joinAllWorkspaces(*window);
     if (fade) {
         auto* animation = new QPropertyAnimation(window, "windowOpacity", window);
         animation->setDuration(fadeMs);
@@ -619,7 +621,7 @@ void OverlayPanelController::handleOutsideClick(const QPoint& point)
     if (m_pillPanel && m_pillPanel->isVisible() && m_pillPanel->bodyGeometry().contains(point)) {
         return;
     }
-    if (OverlayGeometry::isMenuBarClick(point, screens())) {
+    if (OverlayGeometry::isMenuBarClick(point, screens()) || X11Desktop::isPanelAt(point)) {
         return;
     }
     // Our other windows (the tray menu, the settings) are not "elsewhere" either: the raw events report
