@@ -31,67 +31,6 @@ namespace {
 
 constexpr int fadeMs = 160;
 
-QString rgba(const QColor& colour)
-{
-    return QStringLiteral("rgba(%1,%2,%3,%4)")
-        .arg(colour.red())
-        .arg(colour.green())
-        .arg(colour.blue())
-        .arg(colour.alphaF(), 0, 'f', 3);
-}
-
-QColor faded(QColor colour, qreal alpha)
-{
-    colour.setAlphaF(colour.alphaF() * alpha);
-    return colour;
-}
-
-QString styleSheet(const SemanticColors& c)
-{
-    const QString label = rgba(c.label);
-    return QStringLiteral(R"(
-QLabel#providerTitle { color: %1; }
-QLabel#providerContext { color: %2; }
-QFrame#separator { background: %3; border: none; }
-QTextBrowser { background: transparent; border: none; color: %1; selection-background-color: %4; }
-QLineEdit { background: %5; color: %1; border: 1px solid %3; border-radius: 8px; padding: 4px 9px;
-            selection-background-color: %4; }
-QLineEdit:focus { border: 1px solid %4; }
-QLineEdit:disabled { color: %6; }
-QPushButton { background: %5; color: %1; border: 1px solid %3; border-radius: 8px; padding: 4px 12px;
-              min-height: 22px; }
-QPushButton:hover { background: %7; }
-QPushButton:disabled { color: %6; }
-QPushButton#sendButton { background: %4; color: white; border: none; }
-QPushButton#sendButton:disabled { background: %8; color: rgba(255,255,255,0.75); }
-QPushButton#fixButton { background: %9; color: %10; border: 1px solid %10; }
-QScrollBar:vertical { background: transparent; width: 8px; margin: 2px 0; }
-QScrollBar::handle:vertical { background: %6; border-radius: 3px; min-height: 28px; margin: 0 1px; }
-QScrollBar::add-line:vertical, QScrollBar::sub-line:vertical { height: 0; }
-QScrollBar::add-page:vertical, QScrollBar::sub-page:vertical { background: transparent; }
-QToolTip { color: %1; background: %11; border: 1px solid %3; padding: 3px 6px; }
-)")
-        .arg(label, rgba(c.secondaryLabel), rgba(c.separator), rgba(c.accent), rgba(c.controlBackground),
-             rgba(c.tertiaryLabel),
-             rgba(c.dark ? c.controlBackground.lighter(130) : c.controlBackground.darker(106)),
-             rgba(faded(c.accent, 0.45)), rgba(faded(c.red, 0.12)))
-        .arg(rgba(c.red), rgba(c.background));
-}
-
-QList<ScreenArea> desktopScreens()
-{
-    QList<ScreenArea> areas;
-    QList<QScreen*> screens = QGuiApplication::screens();
-    if (QScreen* primary = QGuiApplication::primaryScreen()) {
-        screens.removeAll(primary);
-        screens.prepend(primary);
-    }
-    for (QScreen* screen : screens) {
-        areas.append({screen->geometry(), screen->availableGeometry()});
-    }
-    return areas;
-}
-
 QPushButton* makeButton(const QString& text, const char* name, QWidget* parent)
 {
     auto* button = new QPushButton(text, parent);
@@ -263,7 +202,7 @@ void OverlayPanelController::applyColors()
 {
     m_colours = SemanticColors::current();
     m_panel->setColors(m_colours);
-    m_panel->setStyleSheet(styleSheet(m_colours));
+    m_panel->setStyleSheet(OverlayStyle::cardStyleSheet(m_colours));
     QPalette fieldPalette = m_followUpField->palette();
     fieldPalette.setColor(QPalette::PlaceholderText, m_colours.tertiaryLabel);
     m_followUpField->setPalette(fieldPalette);
@@ -314,7 +253,7 @@ void OverlayPanelController::applyStatusColour()
     QPalette palette = m_statusLabel->palette();
     palette.setColor(QPalette::WindowText, colour);
     m_statusLabel->setPalette(palette);
-    m_statusLabel->setStyleSheet(QStringLiteral("color: %1;").arg(rgba(colour)));
+    m_statusLabel->setStyleSheet(QStringLiteral("color: %1;").arg(OverlayStyle::cssColour(colour)));
 }
 
 QString OverlayPanelController::statusText() const
@@ -324,19 +263,7 @@ QString OverlayPanelController::statusText() const
 
 QColor OverlayPanelController::statusColor() const
 {
-    switch (m_statusTone) {
-    case CardStatusTone::waiting:
-        return m_colours.tertiaryLabel;
-    case CardStatusTone::working:
-        return m_colours.blue;
-    case CardStatusTone::success:
-        return m_colours.green;
-    case CardStatusTone::warning:
-        return m_colours.orange;
-    case CardStatusTone::failure:
-        return m_colours.red;
-    }
-    return m_colours.label;
+    return m_colours.forTone(m_statusTone);
 }
 
 void OverlayPanelController::setInputEnabled(bool enabled)
@@ -492,12 +419,8 @@ void OverlayPanelController::finish()
     } else {
         setStatus(QStringLiteral("已完成"), CardStatusTone::success);
     }
-    m_answerFollowsFallback = false;
-    m_isStreaming = false;
-    m_stopButton->hide();
-    m_retryButton->hide();
     m_fixButton->hide();
-    setInputEnabled(true);
+    endAnswer(false);
 }
 
 void OverlayPanelController::showError(const ProviderDiagnosis& diagnosis)
@@ -506,8 +429,6 @@ void OverlayPanelController::showError(const ProviderDiagnosis& diagnosis)
     m_fixButton->setVisible(diagnosis.field.has_value());
     setStatus(diagnosis.field ? QStringLiteral("需要修改设置") : QStringLiteral("请求失败"),
               CardStatusTone::failure);
-    m_isStreaming = false;
-    m_answerFollowsFallback = false;
 
     if (m_sourceMarkdown.trimmed().isEmpty()) {
         m_sourceMarkdown.clear();
@@ -516,10 +437,7 @@ void OverlayPanelController::showError(const ProviderDiagnosis& diagnosis)
     appendSeparated(QStringLiteral("⚠️ ") + diagnosis.message());
     m_attemptUnanswered = true;
     renderImmediately();
-
-    m_stopButton->hide();
-    m_retryButton->show();
-    setInputEnabled(true);
+    endAnswer(true);
     scrollToEnd();
 }
 
@@ -527,12 +445,17 @@ void OverlayPanelController::showStopped()
 {
     renderImmediately();
     setStatus(QStringLiteral("已停止"), CardStatusTone::waiting);
+    m_attemptUnanswered = true;
+    m_fixButton->hide();
+    endAnswer(true);
+}
+
+void OverlayPanelController::endAnswer(bool offerRetry)
+{
     m_isStreaming = false;
     m_answerFollowsFallback = false;
-    m_attemptUnanswered = true;
     m_stopButton->hide();
-    m_fixButton->hide();
-    m_retryButton->show();
+    m_retryButton->setVisible(offerRetry);
     setInputEnabled(true);
 }
 
@@ -578,7 +501,7 @@ void OverlayPanelController::setPointerSource(std::function<QPoint()> pointer)
 
 QList<ScreenArea> OverlayPanelController::screens() const
 {
-    return m_screenSource ? m_screenSource() : desktopScreens();
+    return m_screenSource ? m_screenSource() : OverlayGeometry::desktopScreens();
 }
 
 void OverlayPanelController::position(const std::optional<QRect>& anchorRect)

@@ -104,6 +104,8 @@ private:
     void refreshPinButton();
     void scrollToEnd();
     void applyStatusColour();
+    // The answer stopped arriving: stop gives way to the input, and to retry when asked for.
+    void endAnswer(bool offerRetry);
     // Appends a block of its own: after any code listing left open and a paragraph break.
     void appendSeparated(const QString& text);
     void position(const std::optional<QRect>& anchorRect);
