@@ -190,7 +190,7 @@ QFont monoFont(qreal size)
 
 QString cssColour(const QColor& colour)
 {
-    return QStringLiteral("cssColour(%1,%2,%3,%4)")
+    return QStringLiteral("rgba(%1,%2,%3,%4)")
         .arg(colour.red())
         .arg(colour.green())
         .arg(colour.blue())

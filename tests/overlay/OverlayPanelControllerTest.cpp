@@ -10,6 +10,7 @@
 #include <QApplication>
 #include <QDesktopServices>
 #include <QKeyEvent>
+#include <QLabel>
 #include <QPushButton>
 #include <QScrollBar>
 #include <QTest>
@@ -169,6 +170,32 @@ TEST_F(OverlayPanelControllerTest, OutsideClickCollapsesAFinishedUnpinnedCardToT
     EXPECT_FALSE(cardVisible() || pill->isVisible());
     EXPECT_FALSE(clicks->isActive());
     EXPECT_EQ(calls, QStringList{"close"});
+}
+
+// The status text as drawn: its strokes carry the status's hue.
+TEST_F(OverlayPanelControllerTest, StatusTextIsDrawnInTheColourOfItsMoment)
+{
+    const auto drawnHues = [&] {
+        const QImage image = card->panel()->findChild<QLabel*>("statusLabel")->grab().toImage();
+        QSet<int> hues;
+        for (int y = 0; y < image.height(); ++y) {
+            for (int x = 0; x < image.width(); ++x) {
+                const QColor pixel = image.pixelColor(x, y);
+                if (pixel.hsvSaturation() > 128 && pixel.value() > 96) {
+                    hues.insert(pixel.hsvHue() / 30);
+                }
+            }
+        }
+        return hues;
+    };
+    present();
+    card->appendText("答");
+    card->setStatus("生成中", CardStatusTone::working);
+    EXPECT_TRUE(drawnHues().contains(card->statusColor().hsvHue() / 30)) << "blue while working";
+    card->finish();
+    EXPECT_TRUE(drawnHues().contains(card->statusColor().hsvHue() / 30)) << "green when done";
+    card->showError({"请求失败了。", std::nullopt, std::nullopt});
+    EXPECT_TRUE(drawnHues().contains(card->statusColor().hsvHue() / 30)) << "red on failure";
 }
 
 TEST_F(OverlayPanelControllerTest, WhatFollowsACodeListingCutOffMidwayIsNotCode)
