@@ -283,7 +283,6 @@ void OverlayPanelController::refreshPinButton()
 void OverlayPanelController::present(const ProviderDefinition& provider, ExplanationDepth depth,
                                      const std::optional<QRect>& anchorRect)
 {
-    m_currentDepth = depth;
     updateIdentity(provider, depth);
     setStatus(QStringLiteral("正在连接"), CardStatusTone::waiting);
     m_pendingFixField.reset();
@@ -316,7 +315,6 @@ void OverlayPanelController::present(const ProviderDefinition& provider, Explana
 void OverlayPanelController::continueSession(const ProviderDefinition& provider, ExplanationDepth depth,
                                              const std::optional<QRect>& anchorRect)
 {
-    m_currentDepth = depth;
     updateIdentity(provider, depth);
     m_answerFollowsFallback = false;
     m_followUpField->clear();
@@ -466,7 +464,6 @@ void OverlayPanelController::showFallback(const ProviderDefinition& provider, Ex
     m_answerFollowsFallback = true;
     m_attemptUnanswered = false;
     m_fixButton->hide();
-    m_currentDepth = depth;
     updateIdentity(provider, depth);
     setStatus(QStringLiteral("已切换备用配置"), CardStatusTone::warning);
     m_sourceMarkdown = notice;

@@ -70,31 +70,21 @@ public:
     void setPointerSource(std::function<QPoint()> pointer);
 
     const QString& sourceMarkdown() const { return m_sourceMarkdown; }
-    bool isStreaming() const { return m_isStreaming; }
-    bool isPinned() const { return m_isPinned; }
     std::optional<ProviderField> pendingFixField() const { return m_pendingFixField; }
-    ExplanationDepth currentDepth() const { return m_currentDepth; }
     QString statusText() const;
     CardStatusTone statusTone() const { return m_statusTone; }
     QColor statusColor() const;
     int renderCount() const { return m_renderCount; }
     bool isRenderPending() const { return m_renderTimer.isActive(); }
-    std::optional<QPoint> savedPillOrigin() const { return m_pillOrigin; }
 
     ExplanationPanel* panel() const { return m_panel; }
     PillPanel* pillPanel(); // created on first use
-    ProviderIconView* providerIconView() const { return m_providerIconView; }
-    QLabel* providerTitleLabel() const { return m_providerTitleLabel; }
-    QLabel* providerContextLabel() const { return m_providerContextLabel; }
-    StatusDotView* statusDotView() const { return m_statusDotView; }
     QTextBrowser* outputTextView() const { return m_outputTextView; }
     FollowUpField* followUpField() const { return m_followUpField; }
     QPushButton* sendButton() const { return m_sendButton; }
     QPushButton* stopButton() const { return m_stopButton; }
     QPushButton* retryButton() const { return m_retryButton; }
     QPushButton* fixButton() const { return m_fixButton; }
-    ToolbarButton* pinButton() const { return m_pinButton; }
-    ToolbarButton* copyButton() const { return m_copyButton; }
 
 private:
     void buildCard();
@@ -143,7 +133,6 @@ private:
     QTimer m_renderTimer;
     bool m_isStreaming = false;
     std::optional<ProviderField> m_pendingFixField;
-    ExplanationDepth m_currentDepth = ExplanationDepth::balanced;
     bool m_isPinned = false;
     Callbacks m_callbacks;
     QPointer<PillPanel> m_pillPanel;
