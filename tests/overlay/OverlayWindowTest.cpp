@@ -31,18 +31,24 @@ bool exposed(QWidget* window)
     return QTest::qWaitFor([&] { return window->windowHandle() && window->windowHandle()->isExposed(); });
 }
 
+// A finished answer in a card shown on the X server.
+bool showAnswer(OverlayPanelController& card, const QString& answer)
+{
+    card.present(ProviderDefinition::definition("kimi"), ExplanationDepth::balanced,
+                 QRect(300, 150, 200, 18));
+    card.beginResponse(false);
+    card.appendText(answer);
+    card.finish();
+    return exposed(card.panel());
+}
+
 TEST(OverlayWindowTest, CardTakesFocusOnlyWhenClickedAndCollapsesOnARealClickElsewhere)
 {
     if (QGuiApplication::platformName() != u"xcb") {
         GTEST_SKIP() << "needs the X server of scripts/desktop-session.sh";
     }
     OverlayPanelController card(std::make_unique<XInputClickSource>());
-    card.present(ProviderDefinition::definition("kimi"), ExplanationDepth::balanced,
-                 QRect(300, 150, 200, 18));
-    ASSERT_TRUE(exposed(card.panel()));
-    card.beginResponse(false);
-    card.appendText("窗口里的回答");
-    card.finish();
+    ASSERT_TRUE(showAnswer(card, "窗口里的回答"));
     EXPECT_NE(QGuiApplication::focusWindow(), card.panel()->windowHandle());
 
     // Raw presses carry no position: each is handled before the pointer moves on, as a hand would.
@@ -90,12 +96,7 @@ TEST(OverlayWindowTest, CardAndCapsuleFollowTheUserAcrossWorkspacesAndTheTrayMen
         QTest::qWaitFor([&] { return tray.geometry().isValid() && !tray.geometry().isEmpty(); }, 5000));
 
     OverlayPanelController card(std::make_unique<XInputClickSource>());
-    card.present(ProviderDefinition::definition("kimi"), ExplanationDepth::balanced,
-                 QRect(300, 150, 200, 18));
-    ASSERT_TRUE(exposed(card.panel()));
-    card.beginResponse(false);
-    card.appendText("回答");
-    card.finish();
+    ASSERT_TRUE(showAnswer(card, "回答"));
     const QString cardState = windowProperties(card.panel());
     EXPECT_TRUE(cardState.contains("_NET_WM_DESKTOP(CARDINAL) = 4294967295")) << cardState.toStdString();
     EXPECT_TRUE(cardState.contains("_NET_WM_STATE_STICKY")) << cardState.toStdString();
