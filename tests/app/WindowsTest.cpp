@@ -213,6 +213,18 @@ TEST_F(WindowsTest, ARefusedAddressOrModelSavesNothingAndMarksItsField)
     }
     EXPECT_FALSE(FieldMarks::isMarked(api->baseURLField()));
 
+    // A key pasted with an invisible character is refused with that character named, not stored.
+    retype(api->baseURLField(), "https://ark.cn-beijing.volces.com/api/v3");
+    api->modelBox()->setCurrentText("doubao-seed-1-6-250615");
+    retype(api->apiKeyField(), "sk-abc");
+    api->apiKeyField()->insert(QString(QChar(0x200B)) + "def"); // what a paste does
+    EXPECT_FALSE(save(window));
+    EXPECT_TRUE(window->statusLine()->text().contains("U+200B"))
+        << window->statusLine()->text().toStdString();
+    EXPECT_TRUE(FieldMarks::isMarked(api->apiKeyField()));
+    EXPECT_EQ(storedKey("doubao"), std::nullopt);
+    retype(api->apiKeyField(), "sk-never-saved");
+
     // A refused service the user switched away from is brought back to be fixed.
     retype(api->baseURLField(), "https://proxy.example.com/api/v3");
     api->modelBox()->setCurrentText("doubao-seed-1-6-250615");

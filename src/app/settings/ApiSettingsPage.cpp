@@ -8,6 +8,7 @@
 #include "config/KeychainStore.h"
 #include "config/KeychainTask.h"
 #include "config/PromptLibrary.h"
+#include "llm/ApiKeyCheck.h"
 #include "llm/ModelCatalog.h"
 
 #include <QComboBox>
@@ -333,6 +334,11 @@ std::optional<QString> ApiSettingsPage::refusal()
                     .summary;
         } else if ((field = policyFault(it.key(), baseURL, model, AppEdition::validate))) {
             message = ConfigurationError(ConfigurationError::Kind::editionRestricted).description();
+        } else if (const std::optional<QString> keyProblem =
+                       it->keyEdited ? ApiKeyCheck::problem(it->key.trimmed()) : std::nullopt) {
+            // Stored as typed, such a key would fail every request with no way to see why.
+            field = ProviderField::apiKey;
+            message = *keyProblem;
         } else {
             continue;
         }
