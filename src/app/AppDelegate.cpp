@@ -12,6 +12,7 @@
 #include "app/ProcessArguments.h"
 #include "bridge/BridgeDiagnostics.h"
 #include "bridge/BridgeRepair.h"
+#include "bridge/BrowserProviderSync.h"
 #include "bridge/FileSystemError.h"
 #include "bridge/NativeHostInstaller.h"
 #include "capture/CapturePlatform.h"
@@ -76,6 +77,7 @@ AppDelegate::AppDelegate(Options options, QObject* parent)
 {
     m_hotKey = new GlobalHotKey(this);
     m_control = new ControlService(this);
+    new BrowserProviderSync(*m_configuration, m_requestStore, this);
     m_accessibilityMonitorTimer.setInterval(m_options.accessibilityPollMs);
     connect(&m_accessibilityMonitorTimer, &QTimer::timeout, this, [this] {
         m_accessibilityPolls += 1;

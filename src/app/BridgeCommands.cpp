@@ -11,23 +11,36 @@
 #include "bridge/RequestStore.h"
 
 #include <QCoreApplication>
-#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QTimer>
 #include <csignal>
+#include <functional>
 
 namespace velnora::BridgeCommands {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr double bridgeMaximumAge = 4.0;
 
-// Runs the event loop for a slice of time, so timers and queued calls keep going while we poll.
-void pumpFor(int milliseconds)
+// Runs the event loop, asleep between checks, until done() holds or the limit passes.
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit)
 {
-    const QDeadlineTimer slice(milliseconds);
-    while (!slice.hasExpired()) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents,
-                                        int(std::max<qint64>(slice.remainingTime(), 1)));
+    QEventLoop loop;
+    QTimer check;
+    check.setInterval(100);
+    QObject::connect(&check, &QTimer::timeout, &loop, [&] {
+        if (done()) {
+            loop.quit();
+        }
+    });
+    QTimer::singleShot(limit, &loop, &QEventLoop::quit);
+    check.start();
+    if (!done()) {
+        loop.exec();
     }
+    return done();
 }
 
 } // namespace
@@ -65,10 +78,7 @@ int runBrowserRepairSelfTest(const ProcessArguments& arguments)
     std::optional<BridgeDiagnosis> outcome;
     BridgeRepair::attempt(store, 12, [&outcome](const BridgeDiagnosis& diagnosis) { outcome = diagnosis; });
     // The repair has its own 12-second limit; this one only guards against a completion that never comes.
-    const QDeadlineTimer guard(20000);
-    while (!outcome && !guard.hasExpired()) {
-        pumpFor(100);
-    }
+    waitUntil([&outcome] { return outcome.has_value(); }, 20s);
     const bool connected = outcome == BridgeDiagnosis::connected();
     ModeResult::printLine(QStringLiteral("browser-repair-self-test: ") +
                           (connected ? QStringLiteral("ok") : QStringLiteral("connection timed out")));
@@ -92,10 +102,7 @@ int runBrowserWakeSelfTest(const ProcessArguments& arguments)
         BridgeRepair::launchChrome();
     }
     if (RequestStore::isValidRequestIdentifier(request.id)) {
-        const QDeadlineTimer deadline(25000);
-        while (store.contains(request.id) && !deadline.hasExpired()) {
-            pumpFor(100);
-        }
+        waitUntil([&] { return !store.contains(request.id); }, 25s);
     }
     if (store.contains(request.id)) {
         try {

@@ -8,6 +8,7 @@
 #include <QJsonDocument>
 #include <QTemporaryDir>
 #include <QTest>
+#include <array>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -143,6 +144,59 @@ TEST_F(HostTest, EveryMalformedFrameEndsTheHostUnheededAndTheLargestIsAccepted)
     }
 }
 
+// Two browsers (or profiles) with the extension: two hosts serve one queue, and each request still
+// goes to exactly one of them. The claim dies with its holder, so the other host takes over.
+TEST_F(HostTest, TwoHostsOnOneQueueDeliverEachRequestOnceAndTakeOverFromAHostThatDied)
+{
+    std::vector<BridgeRequest> requests;
+    for (int i = 0; i < 6; ++i) {
+        requests.push_back(store.enqueue(BridgeRequestType::explainText, QStringLiteral("第%1段").arg(i)));
+    }
+    auto first = startHost();
+    auto second = startHost();
+    std::array<QStringList, 2> received;
+    const auto collect = [&](int milliseconds) {
+        for (int round = 0; round < milliseconds / 100; ++round) {
+            for (std::size_t i = 0; i < 2; ++i) {
+                if (const auto message = (i == 0 ? first : second)->receiveMessage(50)) {
+                    received[i].append(message->value(QStringLiteral("requestId")).toString());
+                }
+            }
+        }
+    };
+    collect(2000);
+    QStringList all = received[0] + received[1];
+    all.sort();
+    QStringList expected;
+    for (const BridgeRequest& request : requests) {
+        expected.append(request.id);
+    }
+    expected.sort();
+    ASSERT_EQ(all, expected) << "every request exactly once across both hosts";
+
+    // The first host never answers and dies; what it held goes out through the second.
+    const QStringList orphaned = received[0];
+    for (const QString& id : received[1]) {
+        second->send(answer("ACK_REQUEST", id));
+    }
+    first->process().kill();
+    first->waitForExit(5000);
+    received = {};
+    collect(3000);
+    QStringList taken = received[1];
+    taken.sort();
+    QStringList wanted = orphaned;
+    wanted.sort();
+    EXPECT_EQ(taken, wanted);
+    for (const QString& id : taken) {
+        second->send(answer("ACK_REQUEST", id));
+    }
+    EXPECT_TRUE(QTest::qWaitFor([&] { return store.pendingRequests().empty(); }, 10000));
+    // Acknowledged requests leave no claim behind.
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return QDir(data.filePath(QStringLiteral("DeliveryClaims"))).isEmpty(QDir::Files); }, 5000));
+}
+
 // The host in this process with a clock the test moves by hand.
 TEST(HostBackOff, RefusalsBackOffToSixtySecondsAndNeverDropTheRequest)
 {
@@ -179,6 +233,19 @@ TEST(HostBackOff, RefusalsBackOffToSixtySecondsAndNeverDropTheRequest)
         host.scanPendingRequests();
         EXPECT_EQ(sentIDs(), QStringList{request.id});
     }
+
+    // An answer that never comes counts as a refusal once the delivery deadline has passed.
+    EXPECT_TRUE(host.holdsClaim(request.id));
+    clock += NativeMessagingHost::deliveryDeadline - 0.01;
+    host.scanPendingRequests();
+    EXPECT_TRUE(host.isInFlight(request.id));
+    clock += 0.01;
+    host.scanPendingRequests();
+    EXPECT_FALSE(host.isInFlight(request.id));
+    EXPECT_FALSE(host.holdsClaim(request.id)) << "another host may take it now";
+    clock += 60;
+    host.scanPendingRequests();
+    EXPECT_EQ(sentIDs(), QStringList{request.id});
 
     host.handleAnswer(QStringLiteral("ACK_REQUEST"), request.id);
     EXPECT_FALSE(store.contains(request.id));
