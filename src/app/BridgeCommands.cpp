@@ -8,6 +8,7 @@
 #include "bridge/FileSystemError.h"
 #include "bridge/NativeHostInstaller.h"
 #include "bridge/NativeMessagingHost.h"
+#include "bridge/PageSelfCheck.h"
 #include "bridge/RequestStore.h"
 
 #include <QCoreApplication>
@@ -114,6 +115,35 @@ int runBrowserWakeSelfTest(const ProcessArguments& arguments)
     }
     ModeResult::printLine(mode + QStringLiteral("ok"));
     return 0;
+}
+
+int runBrowserPageCheck(const ProcessArguments& arguments)
+{
+    QCoreApplication application(arguments.argc(), arguments.argv());
+    const QString name = arguments.valueAfter(QStringLiteral("--browser-page-check")).value_or(QString());
+    const std::optional<BrowserProvider> provider = fromRawValue<BrowserProvider>(name);
+    if (!provider) {
+        QStringList known;
+        for (const BrowserProvider each : allCases<BrowserProvider>()) {
+            known.append(rawValue(each));
+        }
+        ModeResult::printErrorLine(
+            QStringLiteral("不认识的网页服务“%1”，可选：%2").arg(name, known.join(u'、')));
+        return 2;
+    }
+    RequestStore store;
+    PageSelfCheck check(store);
+    std::optional<QString> sentence;
+    bool ready = false;
+    QObject::connect(&check, &PageSelfCheck::finished, [&](const QString& text, bool pageReady) {
+        sentence = text;
+        ready = pageReady;
+    });
+    check.start(*provider);
+    waitUntil([&sentence] { return sentence.has_value(); },
+              std::chrono::milliseconds(PageSelfCheck::timeoutMilliseconds + 5000));
+    ModeResult::printLine(sentence.value_or(QStringLiteral("检测没有结束。")));
+    return ready ? 0 : 1;
 }
 
 int runInstallerSelfTest(const ProcessArguments&)

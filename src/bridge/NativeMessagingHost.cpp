@@ -3,6 +3,7 @@
 #include "bridge/AtomicFile.h"
 #include "bridge/FileSystemError.h"
 #include "bridge/NativeHostInstaller.h"
+#include "bridge/PageSelfCheck.h"
 #include "config/ProviderCatalog.h"
 
 #include <QEventLoop>
@@ -203,6 +204,10 @@ void NativeMessagingHost::handleIncoming(const QJsonObject& message)
     const QJsonValue type = message.value(QStringLiteral("type"));
     if (type == QStringLiteral("EXTENSION_STATUS")) {
         writeExtensionStatus(message);
+        return;
+    }
+    if (type == QStringLiteral("PAGE_CHECK_RESULT")) {
+        PageSelfCheck::recordResult(m_store, message);
         return;
     }
     const QJsonValue requestID = message.value(QStringLiteral("requestId"));

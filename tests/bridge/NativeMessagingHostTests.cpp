@@ -1,5 +1,6 @@
 #include "BridgeTestFiles.h"
 #include "bridge/NativeMessagingHost.h"
+#include "bridge/PageSelfCheck.h"
 #include "bridge/RequestStore.h"
 #include "config/ProviderCatalog.h"
 #include "support/NativeHostClient.h"
@@ -195,6 +196,55 @@ TEST_F(HostTest, TwoHostsOnOneQueueDeliverEachRequestOnceAndTakeOverFromAHostTha
     // Acknowledged requests leave no claim behind.
     EXPECT_TRUE(QTest::qWaitFor(
         [&] { return QDir(data.filePath(QStringLiteral("DeliveryClaims"))).isEmpty(QDir::Files); }, 5000));
+}
+
+// The page self-check's answer travels extension → host → file → PageSelfCheck; only well-formed
+// answers under a valid request id are kept.
+TEST_F(HostTest, KeepsWellFormedPageCheckAnswersForTheSelfCheck)
+{
+    auto host = startHost();
+    const QJsonObject ready{{"type", "PAGE_CHECK_RESULT"},
+                            {"reachable", true},
+                            {"signInPage", false},
+                            {"input", true},
+                            {"submit", true},
+                            {"signedIn", true}};
+    const auto withID = [](QJsonObject message, const QString& id) {
+        message.insert(QStringLiteral("requestId"), id);
+        return message;
+    };
+    QJsonObject notBoolean = withID(ready, QStringLiteral("b"));
+    notBoolean.insert(QStringLiteral("input"), QStringLiteral("yes"));
+    QJsonObject missing = withID(ready, QStringLiteral("c"));
+    missing.remove(QStringLiteral("signedIn"));
+    host->send(withID(ready, QStringLiteral("../escape")));
+    host->send(notBoolean);
+    host->send(missing);
+    host->send(withID(ready, QStringLiteral("a")));
+    const QString kept = PageSelfCheck::resultFilePath(store, QStringLiteral("a"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QFileInfo::exists(kept); }, 5000));
+    const QJsonObject result = QJsonDocument::fromJson(readFile(kept)).object();
+    EXPECT_TRUE(PageSelfCheck::isReady(result));
+    EXPECT_EQ(PageSelfCheck::sentence(BrowserProvider::glm, result),
+              QStringLiteral("智谱清言（GLM）网页正常：已登录，输入框和发送按钮都找到了。"));
+    EXPECT_EQ(QDir(QFileInfo(kept).absolutePath()).entryList(QDir::Files), QStringList{"a.json"});
+    EXPECT_FALSE(QFileInfo::exists(data.filePath(QStringLiteral("escape.json"))));
+}
+
+// Without a connected extension the check says so at once and queues nothing.
+TEST(PageSelfCheckStart, WithoutTheExtensionAnswersAtOnceAndQueuesNothing)
+{
+    QTemporaryDir data;
+    RequestStore store(data.path());
+    PageSelfCheck check(store);
+    QStringList sentences;
+    QObject::connect(&check, &PageSelfCheck::finished, [&](const QString& sentence, bool ready) {
+        sentences.append(sentence + (ready ? "+" : "-"));
+    });
+    check.start(BrowserProvider::doubao);
+    EXPECT_EQ(sentences, QStringList{"浏览器扩展还没有连接，请先点「修复连接」，再检测网页。-"});
+    EXPECT_TRUE(store.pendingRequests().empty());
+    EXPECT_FALSE(check.isRunning());
 }
 
 // The host in this process with a clock the test moves by hand.
