@@ -318,6 +318,8 @@ QString AppDelegate::deliveryFeedback(const BridgeDiagnosis& diagnosis)
     switch (diagnosis.kind) {
     case BridgeDiagnosis::Kind::chromeNotRunning:
         return QStringLiteral("Chrome 没有运行");
+    case BridgeDiagnosis::Kind::sandboxedBrowser:
+        return QStringLiteral("沙盒中的浏览器连不上澜镜");
     case BridgeDiagnosis::Kind::extensionSilent:
         return diagnosis.concernsExtensionInstall() ? QStringLiteral("Chrome 扩展未安装")
                                                     : QStringLiteral("Chrome 扩展未连接");

@@ -138,6 +138,80 @@ TEST(BridgeStatusMode, EachMainStateGetsItsOwnChineseText)
     }
 }
 
+// Diagnosis follows the browser that runs and carries the extension, wherever it keeps its data; the
+// installer covers the Flatpak and Snap folders as soon as they exist.
+TEST(BridgeStatusMode, LooksAtTheRunningBrowserWithTheExtensionIncludingSandboxedOnes)
+{
+    const QString ours = ExplainerConstants::extensionIdentifier();
+    const QByteArray withExtension =
+        preferences({{ours, QJsonObject{{"location", 4}, {"path", "/srv/ext"}}}});
+    struct Browser
+    {
+        QString folder; // under HOME
+        bool running;
+        QByteArray preferences;
+    };
+    struct Case
+    {
+        const char* name;
+        std::vector<Browser> browsers;
+        QString status, advice;
+    };
+    const QString chrome = QStringLiteral(".config/google-chrome");
+    const QString chromium = QStringLiteral(".config/chromium");
+    const QString flatpak = QStringLiteral(".var/app/org.chromium.Chromium/config/chromium");
+    const QString snap = QStringLiteral("snap/chromium/common/chromium");
+    const QString silent = QStringLiteral("○ 未连接 · 扩展尚未连接");
+    const QString sandboxed = QStringLiteral("○ 未连接 · 浏览器在沙盒中运行");
+    const std::vector<Case> cases{
+        {"Chrome closed, Chromium running",
+         {{chrome, false, {}}, {chromium, true, withExtension}},
+         silent,
+         {}},
+        {"both running, only Chromium has it",
+         {{chrome, true, preferences({})}, {chromium, true, withExtension}},
+         silent,
+         {}},
+        {"Flatpak Chromium running with it",
+         {{chrome, false, {}}, {flatpak, true, withExtension}},
+         sandboxed,
+         "Flatpak 版 Chromium 运行在沙盒里，启动不了澜镜的连接程序。请改用软件源（deb 包）安装的 Google "
+         "Chrome "
+         "或 Chromium，并在其中加载澜镜扩展。"},
+        {"Snap Chromium running with it", {{snap, true, withExtension}}, sandboxed, {}},
+        {"nothing running",
+         {{chrome, false, {}}, {flatpak, false, withExtension}},
+         "○ 未连接 · Chrome 没有运行",
+         {}},
+    };
+    for (const Case& row : cases) {
+        SCOPED_TRACE(row.name);
+        TemporaryHome home;
+        for (const Browser& browser : row.browsers) {
+            const QString folder = home.filePath(browser.folder) + u'/';
+            writeFile(folder + "Local State", "{}");
+            writeFile(folder + "Default/Preferences", browser.preferences);
+            if (browser.running) {
+                ASSERT_TRUE(
+                    QFile::link(QStringLiteral("testhost-%1").arg(::getpid()), folder + "SingletonLock"));
+            }
+        }
+        const QStringList written =
+            NativeHostInstaller::installForAllBrowsers(QUrl::fromLocalFile(velnoraBinary()));
+        for (const Browser& browser : row.browsers) {
+            EXPECT_TRUE(written.contains(home.filePath(browser.folder) +
+                                         "/NativeMessagingHosts/com.tarnwick.velnora.domestic.json"))
+                << browser.folder.toStdString();
+        }
+        const auto [exitCode, lines] = runMode(QStringLiteral("--bridge-status"));
+        EXPECT_EQ(exitCode, 2);
+        EXPECT_EQ(lines.value(0), row.status);
+        if (!row.advice.isEmpty()) {
+            EXPECT_EQ(lines.value(1), row.advice);
+        }
+    }
+}
+
 // An upgrade replaces the program under the running app: the manifest must name the new file, not
 // the kernel's "<path> (deleted)"; a program that is gone altogether keeps its text as it is.
 TEST(NativeHostInstaller, NamesTheReplacingProgramWhenTheRunningOneWasReplaced)
