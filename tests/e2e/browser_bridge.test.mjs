@@ -33,6 +33,8 @@ const FLAKY = 'glm';
 const SIGN_IN = 'ernie';
 const DEPTH = '先用一句话说明核心含义，再根据材料难度补充关键词、逻辑和必要例子。';
 const ANSWER_MS = 1500;
+// The extension's 60 s delivery deadline, shortened so that a test can outlast it.
+const DELIVERY_DEADLINE_MS = 25_000;
 const STANDINS = join(dirname(fileURLToPath(import.meta.url)), 'standins');
 const read = (path) => readFileSync(join(SOURCE, path), 'utf8');
 const standInPage = (name) => readFileSync(join(STANDINS, 'pages', `${name}.html`), 'utf8');
@@ -71,6 +73,8 @@ function startStandIns(bundles) {
   const driver = `<script>${read('extension/content/page-driver.js')}</script>`;
   const state = {
     pageLoads: [], submissions: [], notices: [], probes: [], faults: [], signedOut: new Set(), passport: 'waiting',
+    // Pages that answer longer when they open, and pages whose markers changed.
+    longAnswer: new Map(), stale: new Set(),
   };
   const server = http.createServer((request, response) => {
     const url = new URL(request.url, 'http://127.0.0.1');
@@ -111,10 +115,14 @@ function startStandIns(bundles) {
       response.end();
       return;
     }
-    const config = { provider: name, answerMs: ANSWER_MS, answerAtLoadMs: ANSWER_MS };
+    const config = { provider: name, answerMs: ANSWER_MS, answerAtLoadMs: state.longAnswer.get(name) ?? ANSWER_MS };
+    let html = pages[name];
+    if (state.stale.has(name)) {
+      html = html.replace('id="search-input-box"', 'id="chat-box-v3"').replace('main-chat-search', 'chat-search-v3');
+    }
     const script = `${driver}<script>window.SITES = ${JSON.stringify(state.sites)};</script><script>window.STANDIN = ${JSON.stringify(config)};</script><script src="/bundle/${name}.js"></script>`;
     response.writeHead(200, { 'content-type': 'text/html; charset=utf-8', 'cache-control': 'no-store' });
-    response.end(pages[name].replace('</body>', () => `${script}</body>`));
+    response.end(html.replace('</body>', () => `${script}</body>`));
   });
   return new Promise((resolve) => {
     server.listen(0, '127.0.0.1', () => resolve({ server, state, origin: `http://127.0.0.1:${server.address().port}` }));
@@ -138,6 +146,10 @@ function extensionCopy(target, sites) {
   const shipped = join(SOURCE, 'extension');
   cpSync(shipped, target, { recursive: true, filter: (path) => !relative(shipped, path).startsWith('test') });
   const table = read('extension/lib/sites.js');
+  const background = read('extension/background.js');
+  const shorter = background.replace('const DELIVERY_TIMEOUT_MS = 60_000;', `const DELIVERY_TIMEOUT_MS = ${DELIVERY_DEADLINE_MS};`);
+  assert.notEqual(shorter, background, 'the delivery deadline of extension/background.js was not found');
+  writeFileSync(join(target, 'background.js'), shorter);
   const rewritten = table.replace(/export const SITES = \{[\s\S]*?\n\};\n/, () => `export const SITES = ${JSON.stringify(sites)};\n`);
   assert.notEqual(rewritten, table, 'the site table of extension/lib/sites.js was not found');
   writeFileSync(join(target, 'lib/sites.js'), rewritten);
@@ -314,6 +326,43 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
     assert.equal(unknown.code, 2);
     assert.match(unknown.stderr, /不认识的网页服务“chatgpt”，可选：doubao、deepseek/);
     assert.equal(standIns.state.submissions.length, before, 'the check sent something');
+  });
+
+  test('a page answering past the delivery deadline is left alone and gets the request once it is done', async () => {
+    const provider = 'hunyuan';
+    standIns.state.longAnswer.set(provider, DELIVERY_DEADLINE_MS + 5_000);
+    const fresh = enqueue(dataDir, { provider, type: 'NEW_SESSION' });
+    await waitUntil(() => !queued(dataDir, fresh.id), 30_000, 'the new-session record acknowledged');
+    const openedAt = Date.now();
+    const before = submissionsFor(provider).length;
+    const explain = enqueue(dataDir, { depthInstruction: DEPTH, provider, text: '回答很长的时候', type: 'EXPLAIN_TEXT' });
+    await waitUntil(() => submissionsFor(provider).length > before, DELIVERY_DEADLINE_MS + 30_000, 'the delivery after the answer');
+    assert.ok(Date.now() - openedAt >= DELIVERY_DEADLINE_MS, 'sent before the answer on screen ended');
+    await waitUntil(() => !queued(dataDir, explain.id), 10_000, 'the record acknowledged');
+    // The attempt the deadline ended must not type or send late.
+    await sleep(3_000);
+    assert.equal(submissionsFor(provider).length, before + 1);
+    assert.ok(submissionsFor(provider).at(-1).text.includes(explain.text));
+    assert.deepEqual(standIns.state.faults, []);
+    standIns.state.longAnswer.delete(provider);
+  });
+
+  test('a page whose markers changed shows the notice with the text and presses nothing', async () => {
+    const provider = 'glm';
+    standIns.state.stale.add(provider);
+    const fresh = enqueue(dataDir, { provider, type: 'NEW_SESSION' });
+    await waitUntil(() => !queued(dataDir, fresh.id), 30_000, 'the new-session record acknowledged');
+    const before = submissionsFor(provider).length;
+    const explain = enqueue(dataDir, { depthInstruction: DEPTH, provider, text: '网页改版以后', type: 'EXPLAIN_TEXT' });
+    const notice = await waitUntil(() => standIns.state.notices.find((entry) => entry.provider === provider), 30_000,
+      'the notice on the changed page');
+    assert.equal(notice.kind, 'broken');
+    assert.equal(notice.text, '澜镜：没能在这个页面找到智谱清言的输入框，网页可能改版了。可以复制下面的内容手动发送，' +
+      '或在澜镜设置里换一个网页服务。复制内容关闭');
+    await waitUntil(() => !queued(dataDir, explain.id), 10_000, 'the record answered: retrying cannot help');
+    assert.equal(submissionsFor(provider).length, before);
+    assert.deepEqual(standIns.state.faults, []);
+    standIns.state.stale.delete(provider);
   });
 
   test('a sign-in on another host keeps the request queued in the same tab and delivers it once after', async () => {

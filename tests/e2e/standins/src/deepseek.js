@@ -1,42 +1,18 @@
 // DeepSeek: a React-controlled textarea; the send button turns into the Stop button.
-import { createElement as h, useState } from 'react';
-import { flushSync } from 'react-dom';
-import { createRoot } from 'react-dom/client';
+import { mountReactTextarea } from './react-textarea.js';
 import { mountChat } from './shell.js';
 
 const SEND_PATH = 'M8.3125 0.981587C8.66767 1.0545 8.97902 1.20558 9.2627 1.43374';
 const STOP_PATH = 'M2 4.88006C2 3.68015 2 3.08019 2.30557 2.6596';
-const model = { value: '', set: null, listeners: [] };
 
-function Composer() {
-  const [value, setValue] = useState('');
-  model.value = value;
-  model.set = setValue;
-  return h('textarea', {
-    id: 'chat-input', className: 'ds-scroll-area', placeholder: '给 DeepSeek 发送消息 ', rows: 2, value,
-    onChange: (event) => {
-      model.value = event.target.value;
-      setValue(event.target.value);
-      model.listeners.forEach((listener) => listener());
-    },
-  });
-}
-
-const mount = document.querySelector('#composer');
-flushSync(() => createRoot(mount).render(h(Composer)));
+const { editor, input } = mountReactTextarea(document.querySelector('#composer'),
+  { id: 'chat-input', className: 'ds-scroll-area', placeholder: '给 DeepSeek 发送消息 ', rows: 2 });
 const control = document.querySelector('#send-control');
 const path = control.querySelector('path');
 mountChat({
-  editor: {
-    modelText: () => model.value,
-    clear: () => {
-      flushSync(() => model.set(''));
-      model.value = '';
-    },
-    onChange: (listener) => model.listeners.push(listener),
-  },
+  editor,
   control,
-  input: mount.querySelector('textarea'),
+  input,
   look: (button, state) => {
     button.setAttribute('aria-disabled', String(state === 'empty'));
     button.classList.toggle('ds-icon-button--disabled', state === 'empty');
