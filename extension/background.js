@@ -196,10 +196,16 @@ async function carryOut(message, attempt) {
     try {
       status = await deliverInTab(tab.id, site, text, attempt);
     } catch (error) {
-      // Typically the browser's error page after a failed load: reload now so the retry finds
-      // the real page in the tab we reuse.
-      chrome.tabs.reload(tab.id).catch(() => {});
-      throw error;
+      const now = await chrome.tabs.get(tab.id).catch(() => null);
+      if (now && !site.matches.some((prefix) => (now.url ?? '').startsWith(prefix))) {
+        // Gone to a host we may not script, most likely to sign in: wait for the user there.
+        status = 'login';
+      } else {
+        // Typically the browser's error page after a failed load: reload now so the retry finds
+        // the real page in the tab we reuse.
+        chrome.tabs.reload(tab.id).catch(() => {});
+        throw error;
+      }
     }
   }
   console.info('澜镜：', site.title, status);
