@@ -62,10 +62,8 @@ public:
         m_clock = std::move(clock);
         m_lastPortHeartbeatAt = m_clock();
     }
-    double portHeartbeatInterval() const { return m_portHeartbeatInterval; }
     bool isInFlight(const QString& requestID) const { return m_inFlight.contains(requestID); }
     bool holdsClaim(const QString& requestID) const { return m_claims.holds(requestID); }
-    int retryCount(const QString& requestID) const { return m_retryCounts.value(requestID); }
     std::optional<double> retryNotBefore(const QString& requestID) const;
 
     // VELNORA_PORT_HEARTBEAT_SECONDS, else BRINKWELL_PORT_HEARTBEAT_SECONDS, when it is a positive

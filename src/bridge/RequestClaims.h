@@ -30,8 +30,6 @@ public:
     // Deletes the lock files no one holds of requests that are no longer queued.
     void sweep(const std::function<bool(const QString&)>& isQueued);
 
-    QString directory() const { return m_directory; }
-
 private:
     QString lockPath(const QString& requestID) const;
 
