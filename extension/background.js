@@ -185,6 +185,12 @@ async function carryOut(message, attempt) {
   if (text === null) {
     return 'ack';
   }
+  // While the user signs in elsewhere, a retry must not pull the site's tab to the front again.
+  const signingIn = await tabAwayForSignIn(site);
+  if (signingIn !== null) {
+    awaitingSignIn.set(signingIn, { message, site });
+    return 'nack';
+  }
   const tab = await showSite(site);
   attempt.tabId = tab.id;
   let status;
@@ -266,6 +272,20 @@ async function checkPage(site) {
     }
     await new Promise((resolve) => setTimeout(resolve, 500));
   }
+}
+
+async function tabAwayForSignIn(site) {
+  for (const [tabId, waiting] of awaitingSignIn) {
+    if (waiting.site.title !== site.title) {
+      continue;
+    }
+    const tab = await chrome.tabs.get(tabId).catch(() => null);
+    const url = tab ? tab.url ?? '' : '';
+    if (tab && (isSignInAddress(site, url) || !site.matches.some((prefix) => url.startsWith(prefix)))) {
+      return tabId;
+    }
+  }
+  return null;
 }
 
 function cancelInTab(tabId) {
