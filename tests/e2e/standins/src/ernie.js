@@ -3,7 +3,8 @@ import { mountLexical } from './lexical-editor.js';
 import { mountChat } from './shell.js';
 
 const input = document.querySelector('#dialogue-input .yc-editor');
-const control = document.querySelector('#sendBtn');
+// Found by its place, so the page still works when the test renames its id.
+const control = document.querySelector('#dialogue-input .tools > div');
 mountChat({
   editor: mountLexical(input, { paragraph: 'yc-editor-paragraph' }),
   control,

@@ -49,7 +49,12 @@ export function mountChat({ editor, control, look, sendOn = 'click', enterSends 
     if (text.trim() === '') {
       return;
     }
-    report('submissions', { text, how });
+    report('submissions', { text, how, swallowed: config.swallow });
+    if (config.swallow) {
+      // Like a visitor's page: the box empties and nothing else happens.
+      editor.clear();
+      return;
+    }
     const bubble = document.createElement('div');
     bubble.className = 'user-message';
     bubble.textContent = text;
