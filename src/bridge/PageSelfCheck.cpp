@@ -4,6 +4,7 @@
 #include "bridge/FileSystemError.h"
 #include "bridge/RequestStore.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
@@ -46,7 +47,7 @@ bool PageSelfCheck::recordResult(const RequestStore& store, const QJsonObject& m
     }
     const QString path = resultFilePath(store, id);
     try {
-        QDir().mkpath(QFileInfo(path).absolutePath());
+        QDir().mkpath(resultDirectory(store));
         AtomicFile::write(path, QJsonDocument(result).toJson(QJsonDocument::Compact));
     } catch (const FileSystemError&) {
         return false;
@@ -91,6 +92,12 @@ void PageSelfCheck::start(BrowserProvider provider)
         return;
     }
     m_provider = provider;
+    // Answers that came after their check had given up.
+    for (const QFileInfo& answer : QDir(resultDirectory(m_store)).entryInfoList(QDir::Files)) {
+        if (answer.lastModified().secsTo(QDateTime::currentDateTime()) > 600) {
+            QFile::remove(answer.filePath());
+        }
+    }
     if (!m_store.isBridgeActive(bridgeMaximumAge)) {
         finish(QStringLiteral("浏览器扩展还没有连接，请先点「修复连接」，再检测网页。"));
         return;
