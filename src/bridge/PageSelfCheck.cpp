@@ -17,6 +17,11 @@ constexpr double bridgeMaximumAge = 4.0;
 const QStringList answerFields{QStringLiteral("reachable"), QStringLiteral("signInPage"),
                                QStringLiteral("input"), QStringLiteral("submit"), QStringLiteral("signedIn")};
 
+QString resultDirectory(const RequestStore& store)
+{
+    return QDir(store.baseDirectory()).filePath(QString::fromLatin1(PageSelfCheck::resultFolderName));
+}
+
 } // namespace
 
 PageSelfCheck::PageSelfCheck(RequestStore& store, QObject* parent) : QObject(parent), m_store(store)
@@ -27,8 +32,7 @@ PageSelfCheck::PageSelfCheck(RequestStore& store, QObject* parent) : QObject(par
 
 QString PageSelfCheck::resultFilePath(const RequestStore& store, const QString& requestID)
 {
-    return QDir(store.baseDirectory())
-        .filePath(QString::fromLatin1(resultFolderName) + u'/' + requestID + QStringLiteral(".json"));
+    return resultDirectory(store) + u'/' + requestID + QStringLiteral(".json");
 }
 
 bool PageSelfCheck::recordResult(const RequestStore& store, const QJsonObject& message)
