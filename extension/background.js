@@ -1,6 +1,6 @@
 // Service worker: keeps the native port to the desktop app open and carries its requests to the
 // chat page of the chosen service.
-import { DEFAULT_PROVIDER, SITES } from './lib/sites.js';
+import { DEFAULT_PROVIDER, SITES, isSignInAddress } from './lib/sites.js';
 import { composeExplainMessage } from './lib/compose.js';
 import { isBelowMinimum } from './lib/version.js';
 
@@ -9,14 +9,19 @@ const RECONNECT_MS = 30_000;
 const RECONNECT_ALARM = 'velnora-reconnect';
 const PAGE_LOAD_TIMEOUT_MS = 30_000;
 const DELIVERY_TIMEOUT_MS = 60_000;
+// The page stops typing and pressing a little before the worker stops waiting for it.
+const PAGE_STOP_MARGIN_MS = 5_000;
 const REMEMBERED_IDS = 100;
 const VERSION = chrome.runtime.getManifest().version;
-const REQUEST_TYPES = new Set(['EXPLAIN_TEXT', 'OPEN_WORKBENCH', 'NEW_SESSION', 'SET_BROWSER_PROVIDER']);
+const REQUEST_TYPES = new Set(['EXPLAIN_TEXT', 'OPEN_WORKBENCH', 'NEW_SESSION', 'SET_BROWSER_PROVIDER', 'CHECK_PAGE']);
+const CHECK_INPUT_WAIT_MS = 10_000;
 
 let port = null;
 let reconnectTimer = null;
 let work = Promise.resolve();
 const inProgress = new Set();
+// Requests that met a sign-in page, by the tab they wait in: sent again once the user is back.
+const awaitingSignIn = new Map();
 
 // --- connection -------------------------------------------------------------------------------
 
@@ -115,8 +120,13 @@ function onHostMessage(message) {
       if (await wasFinished(id)) {
         return 'ack';
       }
-      return withDeadline(carryOut(message), DELIVERY_TIMEOUT_MS).catch((error) => {
+      const attempt = { stopAt: Date.now() + DELIVERY_TIMEOUT_MS - PAGE_STOP_MARGIN_MS, tabId: null };
+      return withDeadline(carryOut(message, attempt), DELIVERY_TIMEOUT_MS).catch((error) => {
         console.warn('澜镜：请求暂时无法完成，稍后重试', message.type, error?.message ?? error);
+        // What the deadline bounded must stop too, or a late send would follow the refusal.
+        if (attempt.tabId !== null) {
+          cancelInTab(attempt.tabId);
+        }
         return 'nack';
       });
     })
@@ -151,7 +161,7 @@ async function chosenProvider(requested) {
 }
 
 // 'ack' when done (or never doable: retrying would not help), 'nack' when it may work later.
-async function carryOut(message) {
+async function carryOut(message, attempt) {
   if (message.type === 'SET_BROWSER_PROVIDER') {
     if (Object.hasOwn(SITES, message.provider)) {
       await chrome.storage.local.set({ browserProvider: message.provider });
@@ -167,30 +177,57 @@ async function carryOut(message) {
     await showSite(site, site.newChatUrl);
     return 'ack';
   }
+  if (message.type === 'CHECK_PAGE') {
+    post({ type: 'PAGE_CHECK_RESULT', requestId: message.requestId, ...(await checkPage(site)) });
+    return 'ack';
+  }
   const text = composeExplainMessage(message.text, message.depthInstruction);
   if (text === null) {
     return 'ack';
   }
+  // While the user signs in elsewhere, a retry must not pull the site's tab to the front again.
+  const signingIn = await tabAwayForSignIn(site);
+  if (signingIn !== null) {
+    awaitingSignIn.set(signingIn, { message, site });
+    return 'nack';
+  }
   const tab = await showSite(site);
+  attempt.tabId = tab.id;
   let status;
-  try {
-    status = await deliverInTab(tab.id, site, text);
-  } catch (error) {
-    // Typically the browser's error page after a failed load: reload now so the retry finds
-    // the real page in the tab we reuse.
-    chrome.tabs.reload(tab.id).catch(() => {});
-    throw error;
+  if (isSignInAddress(site, tab.url ?? '')) {
+    // Often another host than the site's: the notice is shown where the browser lets us.
+    deliverInTab(tab.id, site, text, attempt).catch(() => {});
+    status = 'login';
+  } else {
+    try {
+      status = await deliverInTab(tab.id, site, text, attempt);
+    } catch (error) {
+      const now = await chrome.tabs.get(tab.id).catch(() => null);
+      if (now && !site.matches.some((prefix) => (now.url ?? '').startsWith(prefix))) {
+        // Gone to a host we may not script, most likely to sign in: wait for the user there.
+        status = 'login';
+      } else {
+        // Typically the browser's error page after a failed load: reload now so the retry finds
+        // the real page in the tab we reuse.
+        chrome.tabs.reload(tab.id).catch(() => {});
+        throw error;
+      }
+    }
   }
   console.info('澜镜：', site.title, status);
-  return status === 'busy' ? 'nack' : 'ack';
+  if (status === 'login') {
+    awaitingSignIn.set(tab.id, { message, site });
+  }
+  // Sign-in and a busy page may pass; the request stays queued for them.
+  return ['busy', 'login', 'cancelled'].includes(status) ? 'nack' : 'ack';
 }
 
-async function deliverInTab(tabId, site, text) {
+async function deliverInTab(tabId, site, text, attempt) {
   await chrome.scripting.executeScript({ target: { tabId }, files: ['content/page-driver.js'] });
   const [injection] = await chrome.scripting.executeScript({
     target: { tabId },
-    func: (entry, message) => globalThis.VelnoraPageDriver.deliver(entry, message),
-    args: [site, text],
+    func: (entry, message, options) => globalThis.VelnoraPageDriver.deliver(entry, message, options),
+    args: [site, text, { stopAt: attempt.stopAt }],
   });
   const status = injection?.result?.status;
   if (typeof status !== 'string') {
@@ -199,11 +236,87 @@ async function deliverInTab(tabId, site, text) {
   return status;
 }
 
+// The self-check: what a delivery would find on the page, without typing or pressing anything.
+async function checkPage(site) {
+  const verdict = { reachable: false, signInPage: false, input: false, submit: false, signedIn: false };
+  let tab;
+  try {
+    tab = await showSite(site);
+  } catch {
+    return verdict;
+  }
+  verdict.reachable = true;
+  if (isSignInAddress(site, tab.url ?? '')) {
+    return { ...verdict, signInPage: true };
+  }
+  const end = Date.now() + CHECK_INPUT_WAIT_MS;
+  for (;;) {
+    try {
+      await chrome.scripting.executeScript({ target: { tabId: tab.id }, files: ['content/page-driver.js'] });
+      const [injection] = await chrome.scripting.executeScript({
+        target: { tabId: tab.id },
+        func: (entry) => globalThis.VelnoraPageDriver.inspect(entry),
+        args: [site],
+      });
+      const seen = injection?.result ?? {};
+      Object.assign(verdict, {
+        signInPage: seen.signInPage === true, input: seen.input === true, submit: seen.submit === true,
+        signedIn: seen.signedIn === true,
+      });
+    } catch {
+      // The browser's error page.
+      return { ...verdict, reachable: false };
+    }
+    if ((verdict.input && verdict.submit) || verdict.signInPage || Date.now() >= end) {
+      return verdict;
+    }
+    await new Promise((resolve) => setTimeout(resolve, 500));
+  }
+}
+
+async function tabAwayForSignIn(site) {
+  for (const [tabId, waiting] of awaitingSignIn) {
+    if (waiting.site.title !== site.title) {
+      continue;
+    }
+    const tab = await chrome.tabs.get(tabId).catch(() => null);
+    const url = tab ? tab.url ?? '' : '';
+    if (tab && (isSignInAddress(site, url) || !site.matches.some((prefix) => url.startsWith(prefix)))) {
+      return tabId;
+    }
+  }
+  return null;
+}
+
+function cancelInTab(tabId) {
+  chrome.scripting.executeScript({
+    target: { tabId },
+    func: () => globalThis.VelnoraPageDriver?.cancel(),
+  }).catch(() => {});
+}
+
 // --- tabs -------------------------------------------------------------------------------------
 
+// The tab we opened for a site is followed by its id, also while it shows a sign-in page on
+// another host: a retry must not open the site again beside it.
 async function findSiteTab(site) {
+  const { siteTabs = {} } = await chrome.storage.session.get('siteTabs');
+  const remembered = siteTabs[site.title];
+  if (typeof remembered === 'number') {
+    const tab = await chrome.tabs.get(remembered).catch(() => null);
+    const url = tab ? tab.url || tab.pendingUrl || '' : '';
+    if (tab && (site.matches.some((prefix) => url.startsWith(prefix)) || isSignInAddress(site, url))) {
+      return tab;
+    }
+  }
   const tabs = await chrome.tabs.query({});
   return tabs.find((tab) => site.matches.some((prefix) => (tab.url || tab.pendingUrl || '').startsWith(prefix)));
+}
+
+async function rememberSiteTab(site, tabId) {
+  const { siteTabs = {} } = await chrome.storage.session.get('siteTabs');
+  siteTabs[site.title] = tabId;
+  await chrome.storage.session.set({ siteTabs });
 }
 
 async function focusWindow(windowId) {
@@ -215,6 +328,7 @@ async function focusWindow(windowId) {
 async function showSite(site, navigateTo) {
   const existing = await findSiteTab(site);
   if (existing) {
+    await rememberSiteTab(site, existing.id);
     const loaded = navigateTo ? tabLoaded(existing.id, { alreadyLoadedCounts: false }) : null;
     const tab = await chrome.tabs.update(existing.id, navigateTo ? { active: true, url: navigateTo } : { active: true });
     await focusWindow(tab.windowId);
@@ -230,6 +344,7 @@ async function showSite(site, navigateTo) {
     tab = await chrome.tabs.create({ url, active: true });
     await focusWindow(tab.windowId);
   }
+  await rememberSiteTab(site, tab.id);
   return tabLoaded(tab.id, { alreadyLoadedCounts: true });
 }
 
@@ -269,6 +384,20 @@ function withDeadline(promise, ms) {
   });
   return Promise.race([promise, deadline]).finally(() => clearTimeout(timer));
 }
+
+// Back from signing in: the waiting request goes out at once instead of at the host's next retry.
+chrome.tabs.onUpdated.addListener((tabId, change, tab) => {
+  const waiting = awaitingSignIn.get(tabId);
+  if (!waiting || change.status !== 'complete') {
+    return;
+  }
+  const url = tab.url ?? '';
+  if (waiting.site.matches.some((prefix) => url.startsWith(prefix)) && !isSignInAddress(waiting.site, url)) {
+    awaitingSignIn.delete(tabId);
+    onHostMessage(waiting.message);
+  }
+});
+chrome.tabs.onRemoved.addListener((tabId) => awaitingSignIn.delete(tabId));
 
 // --- start ------------------------------------------------------------------------------------
 

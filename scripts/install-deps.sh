@@ -15,7 +15,7 @@ build_packages=(
 session_packages=(
   xvfb xauth dbus dbus-x11 at-spi2-core gnome-keyring gcr libsecret-tools
   xdotool xclip x11-utils imagemagick fonts-wqy-microhei fonts-noto-cjk trayer
-  chromium nodejs
+  chromium nodejs npm
   openssl
   lintian desktop-file-utils
 )
@@ -29,6 +29,10 @@ esac
 
 missing=()
 for package in "${wanted[@]}"; do
+  # NodeSource's nodejs carries npm itself and conflicts with Debian's npm package.
+  if [ "$package" = npm ] && command -v npm >/dev/null; then
+    continue
+  fi
   if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
     missing+=("$package")
   fi

@@ -8,32 +8,22 @@
   }
 
   const NOTICE_ID = 'velnora-bridge-notice';
-  const GENERIC_INPUTS = [
-    'textarea',
-    '[contenteditable="true"][role="textbox"]',
-    '[contenteditable="true"]',
-    '[contenteditable="plaintext-only"]',
-    'input[type="text"]',
-  ];
-  const GENERIC_SUBMITS = [
-    'button[type="submit"]',
-    '[aria-label*="发送"]',
-    '[title*="发送"]',
-    '[data-testid*="send"]',
-    '[class*="send"]',
-    '[class*="Send"]',
-  ];
   const LOGIN_WORDS = ['登录', '立即登录', '登录/注册', '登录 / 注册', '扫码登录', '手机号登录'];
 
   const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
+  // Set by the extension when the delivery's deadline passed: nothing may be typed or pressed after.
+  let cancelled = false;
+  let stopAt = Infinity;
+  const stopped = () => cancelled || Date.now() >= stopAt;
+
   // Polls until the probe returns something truthy; every wait in here ends at its deadline.
   async function waitFor(probe, timeoutMs, intervalMs = 100) {
-    const deadline = Date.now() + timeoutMs;
+    const deadline = Math.min(Date.now() + timeoutMs, stopAt);
     for (;;) {
       const value = probe();
-      if (value) {
-        return value;
+      if (value || stopped()) {
+        return value || null;
       }
       if (Date.now() >= deadline) {
         return null;
@@ -78,7 +68,8 @@
   }
 
   function isBusy(el) {
-    return el.disabled === true || el.readOnly === true || attr(el, 'aria-disabled') === 'true';
+    return el.disabled === true || el.readOnly === true || attr(el, 'aria-disabled') === 'true' ||
+      attr(el, 'contenteditable') === 'false';
   }
 
   function isDisabledControl(el) {
@@ -96,6 +87,16 @@
     }
   }
 
+  function firstVisible(doc, selectors) {
+    for (const selector of selectors || []) {
+      const found = queryAll(doc, selector).find((el) => isVisible(el) && !insideNotice(el));
+      if (found) {
+        return found;
+      }
+    }
+    return null;
+  }
+
   // A selector may name the editor's wrapper; the editable element is then inside it.
   function editableWithin(el) {
     if (isTextControl(el) || isContentEditable(el)) {
@@ -104,7 +105,8 @@
     return el.querySelector('[contenteditable="true"], [contenteditable="plaintext-only"], textarea');
   }
 
-  function findInput(doc, site, { fallback = true } = {}) {
+  // Only the site's own markers: a stale one must end in the notice, not in some other field.
+  function findInput(doc, site) {
     for (const selector of site.input || []) {
       for (const match of queryAll(doc, selector)) {
         const el = editableWithin(match);
@@ -113,48 +115,35 @@
         }
       }
     }
-    if (!fallback) {
-      return null;
-    }
-    // Generic fallback: the first visible field that takes text right now.
-    for (const selector of GENERIC_INPUTS) {
-      for (const el of queryAll(doc, selector)) {
-        if (!insideNotice(el) && isVisible(el) && !isBusy(el)) {
-          return el;
-        }
-      }
-    }
     return null;
   }
 
-  function findSubmit(doc, site, input) {
-    for (const selector of site.submit || []) {
-      const found = queryAll(doc, selector).find((el) => isVisible(el) && !insideNotice(el));
-      if (found) {
-        return found;
-      }
-    }
-    // Near the input: walk up a few levels and look for something that says "send".
-    let scope = input.parentElement;
-    for (let level = 0; scope && level < 5; level += 1, scope = scope.parentElement) {
-      for (const selector of GENERIC_SUBMITS) {
-        const found = queryAll(scope, selector).find(
-          (el) => el !== input && !el.contains(input) && isVisible(el) && !insideNotice(el));
-        if (found) {
-          return found;
-        }
-      }
-    }
-    return null;
+  // The send control, unless it is showing its Stop state.
+  function findSubmit(doc, site) {
+    const found = firstVisible(doc, site.submit);
+    return found && !isAnswering(doc, site, found) ? found : null;
+  }
+
+  function isAnswering(doc, site, candidate = null) {
+    return (site.stop || []).some((selector) =>
+      queryAll(doc, selector).some((el) => isVisible(el) && !insideNotice(el) &&
+        (candidate === null || el === candidate || el.contains(candidate) || candidate.contains(el))));
   }
 
   function visibleMatch(doc, selector) {
     return queryAll(doc, selector).some((el) => isVisible(el) && !insideNotice(el));
   }
 
-  // Decisive signs: the site's own sign-in address or dialog.
+  // Decisive signs: the site's own sign-in address or a sign-in wall.
   function loginRequired(doc, href, site) {
-    if ((site.loginUrl || []).some((fragment) => String(href || '').includes(fragment))) {
+    let url = null;
+    try {
+      url = new URL(String(href || ''));
+    } catch (error) {
+      url = null;
+    }
+    if (url && ((site.loginHosts || []).includes(url.hostname) ||
+      (site.loginUrl || []).some((fragment) => url.pathname.includes(fragment)))) {
       return true;
     }
     return (site.login || []).some((selector) => visibleMatch(doc, selector));
@@ -167,6 +156,11 @@
     }
     return queryAll(doc, 'button, a, [role="button"]').some(
       (el) => isVisible(el) && LOGIN_WORDS.includes((el.textContent || '').trim()));
+  }
+
+  function signedOut(doc, site) {
+    return (site.signedOut || []).some((selector) =>
+      queryAll(doc, selector).some((el) => isVisible(el) && /登录/.test(el.textContent || attr(el, 'aria-label') || '')));
   }
 
   function textOf(el) {
@@ -182,7 +176,18 @@
     return squash(textOf(el)).includes(squash(text));
   }
 
+  const lines = (text) => String(text).split('\n').map((line) => line.trim()).filter((line) => line !== '');
+
+  // Whole lines, in order: some editors take the characters but drop the line breaks.
+  function holdsLines(el, text) {
+    return lines(textOf(el)).join('\n') === lines(text).join('\n');
+  }
+
   function selectContents(doc, el) {
+    if (isTextControl(el)) {
+      el.select();
+      return;
+    }
     const selection = doc.getSelection();
     const range = doc.createRange();
     range.selectNodeContents(el);
@@ -190,38 +195,76 @@
     selection.addRange(range);
   }
 
-  // execCommand("insertText") goes through the browser's editing pipeline, so pages and rich
-  // editors see trusted beforeinput/input events. The other paths cover editors that ignore it.
-  async function insertText(doc, input, text) {
+  // Rich editors (Lexical, Slate) take the selection from "selectionchange", which comes later.
+  async function selectAll(doc, input) {
     input.focus();
-    if (isTextControl(input)) {
-      input.select();
-      doc.execCommand('insertText', false, text);
-      if (textOf(input) === text) {
-        return true;
-      }
-      const proto = Object.getPrototypeOf(input);
-      const setter = Object.getOwnPropertyDescriptor(proto, 'value');
-      if (setter && setter.set) {
-        setter.set.call(input, text);
-      } else {
-        input.value = text;
-      }
-      input.dispatchEvent(new InputEvent('input', { bubbles: true, inputType: 'insertText', data: text }));
-      return textOf(input) === text;
-    }
     selectContents(doc, input);
-    doc.execCommand('insertText', false, text);
     await sleep(50);
-    if (holdsText(input, text)) {
-      return true;
+  }
+
+  // Through the editing pipeline, so the editor's own model hears of it.
+  async function clear(doc, input) {
+    if (squash(textOf(input)) !== '') {
+      await selectAll(doc, input);
+      doc.execCommand('delete', false);
+      await sleep(50);
     }
-    selectContents(doc, input);
-    const data = new DataTransfer();
-    data.setData('text/plain', text);
-    input.dispatchEvent(new ClipboardEvent('paste', { clipboardData: data, bubbles: true, cancelable: true }));
-    await sleep(100);
-    return holdsText(input, text);
+  }
+
+  // Each stage leaves the box empty or holding the whole text; the page's own send control
+  // waking up is the sign that the editor's model (not just its DOM) received it.
+  const INSERT_STAGES = [
+    {
+      name: 'insertText',
+      run: (doc, input, text) => doc.execCommand('insertText', false, text),
+    },
+    {
+      name: 'paste',
+      run: (doc, input, text) => {
+        const data = new DataTransfer();
+        data.setData('text/plain', text);
+        input.dispatchEvent(new ClipboardEvent('paste', { clipboardData: data, bubbles: true, cancelable: true }));
+      },
+    },
+    {
+      name: 'value',
+      textareaOnly: true,
+      run: (doc, input, text) => {
+        const setter = Object.getOwnPropertyDescriptor(Object.getPrototypeOf(input), 'value');
+        setter.set.call(input, text);
+        input.dispatchEvent(new InputEvent('input', { bubbles: true, inputType: 'insertText', data: text }));
+      },
+    },
+  ];
+
+  async function insertText(doc, site, input, text) {
+    const hadControl = firstVisible(doc, site.submit) !== null;
+    for (const stage of INSERT_STAGES) {
+      if (stopped()) {
+        return null;
+      }
+      if (stage.textareaOnly && !isTextControl(input)) {
+        continue;
+      }
+      await clear(doc, input);
+      await selectAll(doc, input);
+      stage.run(doc, input, text);
+      const accepted = await waitFor(() => {
+        const current = input.isConnected ? input : findInput(doc, site);
+        if (!current || !holdsLines(current, text)) {
+          return null;
+        }
+        const control = firstVisible(doc, site.submit);
+        return !hadControl || (control && !isDisabledControl(control)) ? current : null;
+      }, 1500, 50);
+      if (accepted) {
+        return accepted;
+      }
+    }
+    if (!stopped()) {
+      await clear(doc, input);
+    }
+    return null;
   }
 
   function pressEnter(input) {
@@ -232,29 +275,69 @@
     }
   }
 
-  // Chat pages empty their input once a message is on its way; some replace the element.
-  function wasSent(doc, site, input) {
-    const current = input.isConnected ? input : findInput(doc, site);
-    return current !== null && squash(textOf(current)) === '';
+  function pointerClick(el) {
+    const box = el.getBoundingClientRect();
+    const at = { bubbles: true, cancelable: true, composed: true, clientX: box.x + box.width / 2, clientY: box.y + box.height / 2 };
+    el.dispatchEvent(new PointerEvent('pointerdown', { ...at, pointerType: 'mouse', isPrimary: true }));
+    el.dispatchEvent(new MouseEvent('mousedown', at));
+    el.dispatchEvent(new PointerEvent('pointerup', { ...at, pointerType: 'mouse', isPrimary: true }));
+    el.dispatchEvent(new MouseEvent('mouseup', at));
+    el.dispatchEvent(new MouseEvent('click', at));
   }
 
-  async function submit(doc, site, input) {
-    if (findSubmit(doc, site, input)) {
-      const button = await waitFor(() => {
-        const candidate = findSubmit(doc, site, input);
-        return candidate && !isDisabledControl(candidate) ? candidate : null;
-      }, 5000);
-      if (button) {
-        button.click();
-        if (await waitFor(() => wasSent(doc, site, input), 4000)) {
-          return true;
-        }
+  // How often a line of the message shows on the page outside the input.
+  function probeLine(text) {
+    return squash(lines(text).reduce((longest, line) => (line.length > longest.length ? line : longest), '')).slice(0, 24);
+  }
+
+  function shownOutside(doc, input, probe) {
+    const all = squash(doc.body ? doc.body.innerText : '');
+    const inside = input && input.isConnected ? squash(textOf(input)) : '';
+    const count = (haystack) => (probe === '' ? 0 : haystack.split(probe).length - 1);
+    return count(all) - count(inside);
+  }
+
+  // Proof comes from the page: a new message with the text, a stop control, or a new address.
+  function sentProof(doc, site, input, before) {
+    if (root.location.href !== before.href) {
+      return 'address';
+    }
+    if (!before.answering && isAnswering(doc, site)) {
+      return 'stop';
+    }
+    return shownOutside(doc, input, before.probe) > before.shown ? 'message' : null;
+  }
+
+  const SEND_STAGES = [
+    { name: 'click', needsControl: true, run: (control) => control.click() },
+    { name: 'pointer', needsControl: true, run: (control) => pointerClick(control) },
+    { name: 'enter', needsControl: false, run: (control, input) => { input.focus(); pressEnter(input); } },
+  ];
+
+  async function submit(doc, site, input, text) {
+    const before = {
+      href: root.location.href, answering: isAnswering(doc, site), probe: probeLine(text), shown: 0,
+    };
+    before.shown = shownOutside(doc, input, before.probe);
+    for (const stage of SEND_STAGES) {
+      if (stopped()) {
+        return 'cancelled';
+      }
+      const field = input.isConnected ? input : findInput(doc, site);
+      if (!field || !holdsText(field, text)) {
+        // The text left the box without proof: sending again could send it twice.
+        return (await waitFor(() => sentProof(doc, site, field, before), 3000)) ? 'sent' : 'unconfirmed';
+      }
+      const control = findSubmit(doc, site);
+      if (stage.needsControl && (!control || isDisabledControl(control))) {
+        continue;
+      }
+      stage.run(control, field);
+      if (await waitFor(() => sentProof(doc, site, field, before), 2500)) {
+        return 'sent';
       }
     }
-    const field = input.isConnected ? input : findInput(doc, site) || input;
-    field.focus();
-    pressEnter(field);
-    return (await waitFor(() => wasSent(doc, site, input), 3000)) !== null;
+    return 'filled';
   }
 
   const NOTICES = {
@@ -263,6 +346,8 @@
       `澜镜：没能在这个页面找到${site.title}的输入框，网页可能改版了。可以复制下面的内容手动发送，` +
       '或在澜镜设置里换一个网页服务。',
     filled: (site) => `澜镜：内容已填入${site.title}的输入框，但没能自动发送，请按回车发送。`,
+    unconfirmed: (site) => `澜镜：内容已从输入框发出，但${site.title}的页面没有显示这条提问，请确认后再试。`,
+    busy: (site) => `澜镜：${site.title}还在回答上一个问题，等它答完后，这条解释请求会自动发出。`,
   };
 
   function removeNotice(doc) {
@@ -310,10 +395,13 @@
     (doc.body || doc.documentElement).append(host);
   }
 
-  // The whole delivery. Statuses: sent, filled (typed, the user presses Enter), login, busy
-  // (the page does not take input now), no-input and insert-failed (the adapter no longer fits).
+  // The whole delivery. Statuses: sent, unconfirmed (the text left the box, the page shows nothing),
+  // filled (typed, the user presses Enter), login, busy (answering, or the input takes no text now),
+  // no-input and insert-failed (the adapter no longer fits), cancelled (the deadline passed).
   async function deliver(site, text, options = {}) {
     const doc = root.document;
+    cancelled = false;
+    stopAt = options.stopAt ?? Infinity;
     const inputTimeoutMs = options.inputTimeoutMs ?? 15000;
     removeNotice(doc);
     const found = await waitFor(() => {
@@ -325,32 +413,63 @@
     }, inputTimeoutMs, 200);
     let input = found && found.field ? found.field : null;
     if ((found && found.login) || (!input && looksLikeLogin(doc))) {
-      showNotice(doc, 'login', site);
+      showNotice(doc, 'login', site, text);
       return { status: 'login' };
+    }
+    if (stopped()) {
+      return { status: 'cancelled' };
     }
     if (!input) {
       showNotice(doc, 'broken', site, text);
       return { status: 'no-input' };
     }
-    if (isBusy(input)) {
-      input = await waitFor(() => {
-        const current = findInput(doc, site);
-        return current && !isBusy(current) ? current : null;
-      }, options.busyTimeoutMs ?? 10000, 200);
-      if (!input) {
-        return { status: 'busy' };
-      }
+    // Never interrupt an answer: its Stop control is often the very send button.
+    const ready = () => {
+      const current = findInput(doc, site);
+      return current && !isBusy(current) && !isAnswering(doc, site) ? current : null;
+    };
+    input = await waitFor(ready, options.busyTimeoutMs ?? 30000, 200);
+    if (stopped()) {
+      return { status: 'cancelled' };
     }
-    if (!(await insertText(doc, input, text))) {
+    if (!input) {
+      showNotice(doc, 'busy', site);
+      return { status: 'busy' };
+    }
+    const field = await insertText(doc, site, input, text);
+    if (stopped()) {
+      return { status: 'cancelled' };
+    }
+    if (!field) {
       showNotice(doc, 'broken', site, text);
       return { status: 'insert-failed' };
     }
-    if (await submit(doc, site, input)) {
-      return { status: 'sent' };
+    const status = await submit(doc, site, field, text);
+    if (status === 'filled' || status === 'unconfirmed') {
+      showNotice(doc, status, site);
     }
-    showNotice(doc, 'filled', site);
-    return { status: 'filled' };
+    return { status };
   }
 
-  root.VelnoraPageDriver = { deliver, findInput, findSubmit, loginRequired, looksLikeLogin, isBusy };
+  // Read-only: what a delivery would find on this page now. Nothing is typed or pressed.
+  function inspect(site) {
+    const doc = root.document;
+    if (loginRequired(doc, root.location.href, site)) {
+      return { signInPage: true, input: false, submit: false, signedIn: false };
+    }
+    const input = findInput(doc, site);
+    return {
+      input: input !== null,
+      submit: firstVisible(doc, site.submit) !== null || isAnswering(doc, site),
+      signedIn: !signedOut(doc, site) && !(input === null && looksLikeLogin(doc)),
+    };
+  }
+
+  function cancel() {
+    cancelled = true;
+  }
+
+  root.VelnoraPageDriver = {
+    deliver, inspect, cancel, findInput, findSubmit, isAnswering, loginRequired, looksLikeLogin, isBusy,
+  };
 })(globalThis);

@@ -1,11 +1,15 @@
 // One entry per chat site. Pure data: the page driver gets an entry as JSON, and the end-to-end
 // test rewrites the URLs of a copy of this file to point at local stand-ins.
+// Markers go from the most stable (data-testid, ids, editor markers) to hashed class fragments.
 //
-// input:  selectors tried in order; the first visible, editable match is the input. A match that is
-//         a wrapper is searched for the contenteditable inside it.
-// submit: selectors for the send button, tried before the generic ones near the input.
-// login:  selectors of sign-in dialogs; any visible match means the user must log in first.
-// loginUrl: fragments of the address of a sign-in page the site redirects to.
+// input:     selectors tried in order; the first visible, editable match is the input. A match that
+//            is a wrapper is searched for the contenteditable inside it.
+// submit:    the send control, tried in order; never guessed from a generic "send" class.
+// stop:      the page is answering (often the send control in its Stop state): never pressed.
+// login:     sign-in walls: any visible match means nothing can be sent until the user signs in.
+// signedOut: softer signs (a visitor may still type) that the self-check reports.
+// loginUrl:  fragments of the address of a sign-in page on the site's own host.
+// loginHosts: other hosts the site sends visitors to for signing in.
 
 export const DEFAULT_PROVIDER = 'doubao';
 
@@ -17,23 +21,32 @@ export const SITES = {
     matches: ['https://www.doubao.com/chat'],
     input: [
       'textarea[data-testid="chat_input_input"]',
-      '[data-testid="chat_input_input"] [contenteditable="true"]',
-      '[data-testid="chat_input"] textarea',
+      '[data-testid="chat_input"] div.tiptap.ProseMirror[contenteditable="true"]',
+      'div.tiptap.ProseMirror[role="textbox"][contenteditable="true"]',
+      'div.ProseMirror[contenteditable="true"]',
     ],
     submit: ['button[data-testid="chat_input_send_button"]', '#flow-end-msg-send'],
-    login: ['[data-testid="login_modal"]', '.semi-modal [data-testid="login_phone_input"]'],
+    stop: ['[data-testid="chat_input_stop_button"]', 'button[data-testid="chat_input_send_button"][aria-label*="停止"]'],
+    login: ['input[data-testid="login_phone_number_input"]', '[data-testid="login_modal"]'],
+    signedOut: ['button[data-testid="to_login_button"]'],
     loginUrl: ['/login'],
+    loginHosts: [],
   },
   deepseek: {
     title: 'DeepSeek',
     url: 'https://chat.deepseek.com/',
     newChatUrl: 'https://chat.deepseek.com/',
     matches: ['https://chat.deepseek.com/'],
-    input: ['textarea#chat-input', 'textarea[placeholder*="DeepSeek"]'],
-    // The send control is a div with role="button" and generated class names: found near the input.
-    submit: [],
+    input: ['textarea#chat-input', 'textarea[placeholder*="DeepSeek"]', 'textarea.ds-scroll-area'],
+    submit: [
+      'div[role="button"].ds-icon-button:has(svg path[d^="M8.3125"])',
+      '.ds-button--primary.ds-button--filled.ds-button--circle:not(:has(.ds-loading))',
+    ],
+    stop: ['div[role="button"].ds-icon-button:has(svg path[d^="M2 4.88"])', '[role="button"] .ds-loading'],
     login: [],
+    signedOut: [],
     loginUrl: ['/sign_in', '/sign_up'],
+    loginHosts: [],
   },
   qwen: {
     title: '千问',
@@ -41,44 +54,62 @@ export const SITES = {
     newChatUrl: 'https://www.qianwen.com/',
     matches: ['https://www.qianwen.com/', 'https://qianwen.com/'],
     input: [
-      'textarea[placeholder*="千问"]',
+      '[class*="chatInput"] [data-slate-editor="true"]',
+      '[class*="textareaWrap"] [data-slate-editor="true"]',
       '[data-slate-editor="true"]',
-      'div[role="textbox"][contenteditable="true"]',
-      'textarea.ant-input',
+      '[class*="chatTextarea"]',
     ],
-    submit: ['button[aria-label="发送"]', '[class*="operateBtn"]', '[class*="sendBtn"]'],
+    // Other operateBtn divs sit beside it: only the one holding the send icon is the send control.
+    submit: ['div[class*="operateBtn"]:has([data-icon-type="qwpcicon-sendChat"])'],
+    stop: ['div[class*="operateBtn"]:has([data-icon-type*="stop" i])'],
     login: ['.ant-modal [class*="login"]'],
-    loginUrl: ['/login', 'passport.'],
+    signedOut: [],
+    loginUrl: ['/login'],
+    loginHosts: ['passport.aliyun.com', 'login.aliyun.com'],
   },
   kimi: {
     title: 'Kimi',
     url: 'https://www.kimi.com/',
     newChatUrl: 'https://www.kimi.com/',
     matches: ['https://www.kimi.com/', 'https://kimi.com/'],
-    input: ['.chat-input-editor[contenteditable="true"]', '[data-lexical-editor="true"]'],
-    submit: ['.send-button-container', '.send-button'],
+    input: ['.chat-input-editor[data-lexical-editor="true"][contenteditable="true"]', '[data-lexical-editor="true"]'],
+    submit: ['.send-button-container:has(svg[name="Send"])', '.send-button-container:not(.stop):not(.loading)'],
+    stop: ['.send-button-container.stop', '.send-button-container.loading'],
     login: ['.login-modal', '.login-dialog'],
+    signedOut: ['.user-info [class*="login"]', 'button.login-button'],
     loginUrl: ['/login'],
+    loginHosts: [],
   },
   glm: {
     title: '智谱清言',
     url: 'https://chatglm.cn/main/alltoolsdetail',
     newChatUrl: 'https://chatglm.cn/main/alltoolsdetail',
     matches: ['https://chatglm.cn/'],
-    input: ['.input-box-inner textarea', '.input-wrap textarea'],
-    submit: ['.input-box-inner .enter', '.enter_icon'],
+    input: ['#search-input-box textarea', '.main-chat-search textarea', '.input-box-inner textarea'],
+    submit: ['.enter-icon-container:not(:has(.searching))'],
+    stop: ['.enter.searching', '.enter-icon-container .searching'],
     login: ['.login-dialog', '.login-wrap'],
+    signedOut: ['p.sidebar-user-name'],
     loginUrl: ['/login'],
+    loginHosts: [],
   },
   hunyuan: {
     title: '腾讯元宝',
     url: 'https://yuanbao.tencent.com/chat',
     newChatUrl: 'https://yuanbao.tencent.com/chat',
     matches: ['https://yuanbao.tencent.com/'],
-    input: ['.chat-input-editor .ql-editor[contenteditable="true"]', '.ql-editor[contenteditable="true"]'],
-    submit: ['#yuanbao-send-btn', '[class*="send-btn"]'],
-    login: ['.hyc-login', '#hunyuan-login-dialog'],
-    loginUrl: ['/login', 'graph.qq.com'],
+    input: [
+      '.agent-dialogue__content--common__input .ql-editor[contenteditable="true"]',
+      '#search-bar .ql-editor[contenteditable="true"]',
+      '.ql-editor[contenteditable="true"]',
+    ],
+    // Only the id: the "send-btn" class fragments also name the Stop button.
+    submit: ['#yuanbao-send-btn:not([aria-label="停止回答"]):not([class*="SendButton_sendStop__"])'],
+    stop: ['#yuanbao-send-btn[aria-label="停止回答"]', '[class*="SendButton_sendStop__"]', 'a[class*="style__send-btn___"]'],
+    login: ['.hyc-login-v2', '.ql-editor[data-placeholder="请登录后输入内容"]'],
+    signedOut: ['button.agent-dialogue__tool__login'],
+    loginUrl: ['/login'],
+    loginHosts: ['graph.qq.com', 'xui.ptlogin2.qq.com', 'open.weixin.qq.com'],
   },
   ernie: {
     title: '文心一言',
@@ -86,12 +117,27 @@ export const SITES = {
     newChatUrl: 'https://yiyan.baidu.com/',
     matches: ['https://yiyan.baidu.com/'],
     input: [
-      '[data-slate-editor="true"][contenteditable="true"]',
+      '#dialogue-input .yc-editor[contenteditable="true"]',
       '.yc-editor[contenteditable="true"]',
-      'div[role="textbox"][contenteditable="true"]',
+      '[data-lexical-editor="true"][contenteditable="true"]',
     ],
-    submit: ['#sendBtn', '[class*="sendInner"]', '[class*="send__"]'],
+    submit: ['#sendBtn'],
+    stop: ['#sendBtn[class*="stop" i]', '[class*="stopBtn"]'],
     login: ['.tang-pass-login', '#passport-login-pop'],
-    loginUrl: ['passport.baidu.com'],
+    signedOut: [],
+    loginUrl: [],
+    loginHosts: ['passport.baidu.com'],
   },
 };
+
+// The site whose own or sign-in address this is, for a tab that went off to sign in.
+export function isSignInAddress(site, url) {
+  let parsed;
+  try {
+    parsed = new URL(url);
+  } catch {
+    return false;
+  }
+  return site.loginHosts.includes(parsed.hostname) ||
+    (site.matches.some((prefix) => url.startsWith(prefix)) && site.loginUrl.some((part) => parsed.pathname.includes(part)));
+}

@@ -30,6 +30,15 @@ test('every site is reachable: its pages match its own prefixes and lie inside t
   }
 });
 
+// The page shows its sign-in notice (with the text to copy) on the sign-in hosts too.
+test('every sign-in host a site sends visitors to lies inside the host permissions', () => {
+  for (const [provider, site] of Object.entries(SITES)) {
+    for (const host of site.loginHosts) {
+      assert.ok(permitted(`https://${host}/login`), `${provider}: ${host} lacks a host permission`);
+    }
+  }
+});
+
 // The host manifest admits exactly one extension ID: the one Chrome derives from the manifest key.
 test('the build option and this build name the ID Chrome derives from the manifest key', () => {
   const key = Buffer.from(manifest.key, 'base64');

@@ -12,6 +12,7 @@
 #include "app/ProcessArguments.h"
 #include "bridge/BridgeDiagnostics.h"
 #include "bridge/BridgeRepair.h"
+#include "bridge/BrowserProviderSync.h"
 #include "bridge/FileSystemError.h"
 #include "bridge/NativeHostInstaller.h"
 #include "capture/CapturePlatform.h"
@@ -76,6 +77,7 @@ AppDelegate::AppDelegate(Options options, QObject* parent)
 {
     m_hotKey = new GlobalHotKey(this);
     m_control = new ControlService(this);
+    new BrowserProviderSync(*m_configuration, m_requestStore, this);
     m_accessibilityMonitorTimer.setInterval(m_options.accessibilityPollMs);
     connect(&m_accessibilityMonitorTimer, &QTimer::timeout, this, [this] {
         m_accessibilityPolls += 1;
@@ -316,6 +318,8 @@ QString AppDelegate::deliveryFeedback(const BridgeDiagnosis& diagnosis)
     switch (diagnosis.kind) {
     case BridgeDiagnosis::Kind::chromeNotRunning:
         return QStringLiteral("Chrome 没有运行");
+    case BridgeDiagnosis::Kind::sandboxedBrowser:
+        return QStringLiteral("沙盒中的浏览器连不上澜镜");
     case BridgeDiagnosis::Kind::extensionSilent:
         return diagnosis.concernsExtensionInstall() ? QStringLiteral("Chrome 扩展未安装")
                                                     : QStringLiteral("Chrome 扩展未连接");

@@ -8,26 +8,40 @@
 #include "bridge/FileSystemError.h"
 #include "bridge/NativeHostInstaller.h"
 #include "bridge/NativeMessagingHost.h"
+#include "bridge/PageSelfCheck.h"
 #include "bridge/RequestStore.h"
 
 #include <QCoreApplication>
-#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QTimer>
 #include <csignal>
+#include <functional>
 
 namespace velnora::BridgeCommands {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr double bridgeMaximumAge = 4.0;
 
-// Runs the event loop for a slice of time, so timers and queued calls keep going while we poll.
-void pumpFor(int milliseconds)
+// Runs the event loop, asleep between checks, until done() holds or the limit passes.
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit)
 {
-    const QDeadlineTimer slice(milliseconds);
-    while (!slice.hasExpired()) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents,
-                                        int(std::max<qint64>(slice.remainingTime(), 1)));
+    QEventLoop loop;
+    QTimer check;
+    check.setInterval(100);
+    QObject::connect(&check, &QTimer::timeout, &loop, [&] {
+        if (done()) {
+            loop.quit();
+        }
+    });
+    QTimer::singleShot(limit, &loop, &QEventLoop::quit);
+    check.start();
+    if (!done()) {
+        loop.exec();
     }
+    return done();
 }
 
 } // namespace
@@ -65,10 +79,7 @@ int runBrowserRepairSelfTest(const ProcessArguments& arguments)
     std::optional<BridgeDiagnosis> outcome;
     BridgeRepair::attempt(store, 12, [&outcome](const BridgeDiagnosis& diagnosis) { outcome = diagnosis; });
     // The repair has its own 12-second limit; this one only guards against a completion that never comes.
-    const QDeadlineTimer guard(20000);
-    while (!outcome && !guard.hasExpired()) {
-        pumpFor(100);
-    }
+    waitUntil([&outcome] { return outcome.has_value(); }, 20s);
     const bool connected = outcome == BridgeDiagnosis::connected();
     ModeResult::printLine(QStringLiteral("browser-repair-self-test: ") +
                           (connected ? QStringLiteral("ok") : QStringLiteral("connection timed out")));
@@ -92,10 +103,7 @@ int runBrowserWakeSelfTest(const ProcessArguments& arguments)
         BridgeRepair::launchChrome();
     }
     if (RequestStore::isValidRequestIdentifier(request.id)) {
-        const QDeadlineTimer deadline(25000);
-        while (store.contains(request.id) && !deadline.hasExpired()) {
-            pumpFor(100);
-        }
+        waitUntil([&] { return !store.contains(request.id); }, 25s);
     }
     if (store.contains(request.id)) {
         try {
@@ -107,6 +115,35 @@ int runBrowserWakeSelfTest(const ProcessArguments& arguments)
     }
     ModeResult::printLine(mode + QStringLiteral("ok"));
     return 0;
+}
+
+int runBrowserPageCheck(const ProcessArguments& arguments)
+{
+    QCoreApplication application(arguments.argc(), arguments.argv());
+    const QString name = arguments.valueAfter(QStringLiteral("--browser-page-check")).value_or(QString());
+    const std::optional<BrowserProvider> provider = fromRawValue<BrowserProvider>(name);
+    if (!provider) {
+        QStringList known;
+        for (const BrowserProvider each : allCases<BrowserProvider>()) {
+            known.append(rawValue(each));
+        }
+        ModeResult::printErrorLine(
+            QStringLiteral("不认识的网页服务“%1”，可选：%2").arg(name, known.join(u'、')));
+        return 2;
+    }
+    RequestStore store;
+    PageSelfCheck check(store);
+    std::optional<QString> sentence;
+    bool ready = false;
+    QObject::connect(&check, &PageSelfCheck::finished, [&](const QString& text, bool pageReady) {
+        sentence = text;
+        ready = pageReady;
+    });
+    check.start(*provider);
+    waitUntil([&sentence] { return sentence.has_value(); },
+              std::chrono::milliseconds(PageSelfCheck::timeoutMilliseconds + 5000));
+    ModeResult::printLine(sentence.value_or(QStringLiteral("检测没有结束。")));
+    return ready ? 0 : 1;
 }
 
 int runInstallerSelfTest(const ProcessArguments&)

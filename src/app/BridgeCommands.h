@@ -11,6 +11,8 @@ int runNativeHost(const ProcessArguments& arguments);
 int runBridgeStatus(const ProcessArguments& arguments);
 int runBrowserRepairSelfTest(const ProcessArguments& arguments);
 int runBrowserWakeSelfTest(const ProcessArguments& arguments);
+// "--browser-page-check <service>": the page self-check's sentence; 0 when the page is ready to use.
+int runBrowserPageCheck(const ProcessArguments& arguments);
 int runInstallerSelfTest(const ProcessArguments& arguments);
 int runDiagnosticsSelfTest(const ProcessArguments& arguments);
 

@@ -54,6 +54,7 @@ const std::vector<Row>& table()
         {19, "--native-host-installer-self-test", Match::flag, BridgeCommands::runInstallerSelfTest, "检查 Chrome 本地消息清单的安装"},
         {20, "--bridge-diagnostics-self-test", Match::flag, BridgeCommands::runDiagnosticsSelfTest, "检查网页会话桥的诊断规则"},
         {21, "--bridge-status", Match::flag, BridgeCommands::runBridgeStatus, "显示与 Chrome 扩展的连接状态"},
+        {21, "--browser-page-check", Match::flagWithValue, BridgeCommands::runBrowserPageCheck, "服务  打开该网页服务的页面，检查输入框、发送按钮和登录状态（不发送任何内容）"},
         {22, "", Match::nativeMessaging, BridgeCommands::runNativeHost},
         {23, "", Match::always, ApplicationMode::run},
     };

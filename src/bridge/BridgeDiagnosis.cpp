@@ -13,6 +13,8 @@ QString BridgeDiagnosis::statusText() const
         return QStringLiteral("○ 未连接 · 连接配置需要修复");
     case Kind::chromeNotRunning:
         return QStringLiteral("○ 未连接 · Chrome 没有运行");
+    case Kind::sandboxedBrowser:
+        return QStringLiteral("○ 未连接 · 浏览器在沙盒中运行");
     case Kind::extensionSilent:
         switch (install.kind) {
         case ChromeExtensionInstall::Kind::absent:
@@ -45,6 +47,9 @@ QString BridgeDiagnosis::advice() const
             "chrome://extensions 重新加载扩展。");
     case Kind::chromeNotRunning:
         return QStringLiteral("Chrome 没有运行。点「修复连接」会在后台把它唤起。");
+    case Kind::sandboxedBrowser:
+        return path + QStringLiteral(" 运行在沙盒里，启动不了澜镜的连接程序。请改用软件源（deb 包）安装的 "
+                                     "Google Chrome 或 Chromium，并在其中加载澜镜扩展。");
     case Kind::extensionSilent:
         switch (install.kind) {
         case ChromeExtensionInstall::Kind::absent:

@@ -15,11 +15,12 @@ struct BridgeDiagnosis
         extensionSilent,
         connected,
         manifestMissing,
-        chromeNotRunning
+        chromeNotRunning,
+        sandboxedBrowser
     };
 
     Kind kind = Kind::manifestMissing;
-    QString path;                   // manifestPathBroken: where the manifest points
+    QString path; // manifestPathBroken: where the manifest points; sandboxedBrowser: its name
     ChromeExtensionInstall install; // extensionSilent: what the profile files say
 
     static BridgeDiagnosis manifestPathBroken(QString path)
@@ -34,6 +35,11 @@ struct BridgeDiagnosis
     static BridgeDiagnosis connected() { return {Kind::connected, {}, {}}; }
     static BridgeDiagnosis manifestMissing() { return {Kind::manifestMissing, {}, {}}; }
     static BridgeDiagnosis chromeNotRunning() { return {Kind::chromeNotRunning, {}, {}}; }
+    // A Flatpak or Snap browser runs the extension but cannot start our host outside its sandbox.
+    static BridgeDiagnosis sandboxedBrowser(QString browserTitle)
+    {
+        return {Kind::sandboxedBrowser, std::move(browserTitle), {}};
+    }
 
     QString statusText() const;
     QString advice() const;

@@ -15,20 +15,52 @@
 
 namespace velnora::BridgeDiagnostics {
 
+namespace {
+
+bool runs(const ChromiumBrowsers::Browser& browser)
+{
+    return ChromiumBrowsers::hasUserDataDirectory(browser) &&
+           ChromiumBrowsers::isRunning(browser, ChromiumBrowsers::userDataDirectory(browser));
+}
+
+} // namespace
+
+const ChromiumBrowsers::Browser& diagnosedBrowser()
+{
+    const QString identifier = ExplainerConstants::extensionIdentifier();
+    const ChromiumBrowsers::Browser* firstRunning = nullptr;
+    for (const ChromiumBrowsers::Browser& browser : ChromiumBrowsers::all()) {
+        if (!runs(browser)) {
+            continue;
+        }
+        const ChromeExtensionInstall::Kind install =
+            ChromeProfileProbe::inspectCached(3, identifier, ChromiumBrowsers::userDataDirectory(browser))
+                .kind;
+        if (install == ChromeExtensionInstall::Kind::installed ||
+            install == ChromeExtensionInstall::Kind::unpacked) {
+            return browser;
+        }
+        if (!firstRunning) {
+            firstRunning = &browser;
+        }
+    }
+    return firstRunning ? *firstRunning : ChromiumBrowsers::primary();
+}
+
 bool isChromeRunning()
 {
-    const ChromiumBrowsers::Browser& browser = ChromiumBrowsers::primary();
-    return ChromiumBrowsers::isRunning(browser, ChromiumBrowsers::userDataDirectory(browser));
+    return runs(diagnosedBrowser());
 }
 
 QString manifestURL()
 {
-    return QDir(NativeHostInstaller::hostDirectoryURL())
+    return QDir(ChromiumBrowsers::nativeMessagingHostsDirectory(diagnosedBrowser()))
         .filePath(QString::fromLatin1(NativeHostInstaller::manifestFileName));
 }
 
 BridgeDiagnosis diagnose(bool bridgeActive, const QString& manifestURL, const QString& extensionIdentifier,
-                         bool chromeRunning, const std::function<ChromeExtensionInstall()>& chromeInstall)
+                         bool chromeRunning, const std::function<ChromeExtensionInstall()>& chromeInstall,
+                         const QString& sandboxedBrowserTitle)
 {
     if (bridgeActive) {
         return BridgeDiagnosis::connected();
@@ -61,14 +93,25 @@ BridgeDiagnosis diagnose(bool bridgeActive, const QString& manifestURL, const QS
     if (!chromeRunning) {
         return BridgeDiagnosis::chromeNotRunning();
     }
+    if (!sandboxedBrowserTitle.isEmpty()) {
+        return BridgeDiagnosis::sandboxedBrowser(sandboxedBrowserTitle);
+    }
     return BridgeDiagnosis::extensionSilent(chromeInstall());
 }
 
 BridgeDiagnosis diagnoseCurrent(bool bridgeActive)
 {
+    if (bridgeActive) {
+        return BridgeDiagnosis::connected();
+    }
     const QString identifier = ExplainerConstants::extensionIdentifier();
-    return diagnose(bridgeActive, manifestURL(), identifier, !bridgeActive && isChromeRunning(),
-                    [&identifier] { return ChromeProfileProbe::inspectCached(3, identifier); });
+    const ChromiumBrowsers::Browser& browser = diagnosedBrowser();
+    const QString folder = ChromiumBrowsers::userDataDirectory(browser);
+    const bool sandboxed = browser.sandbox != ChromiumBrowsers::Browser::Sandbox::none;
+    return diagnose(
+        false, manifestURL(), identifier, runs(browser),
+        [&] { return ChromeProfileProbe::inspectCached(3, identifier, folder); },
+        sandboxed ? browser.title : QString());
 }
 
 } // namespace velnora::BridgeDiagnostics

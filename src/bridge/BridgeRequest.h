@@ -9,7 +9,7 @@
 
 namespace velnora {
 
-enum class BridgeRequestType { explainText, openWorkbench, newSession, setBrowserProvider };
+enum class BridgeRequestType { explainText, openWorkbench, newSession, setBrowserProvider, checkPage };
 
 template <> struct EnumRawValues<BridgeRequestType>
 {
@@ -18,6 +18,7 @@ template <> struct EnumRawValues<BridgeRequestType>
         std::pair{BridgeRequestType::openWorkbench, "OPEN_WORKBENCH"},
         std::pair{BridgeRequestType::newSession, "NEW_SESSION"},
         std::pair{BridgeRequestType::setBrowserProvider, "SET_BROWSER_PROVIDER"},
+        std::pair{BridgeRequestType::checkPage, "CHECK_PAGE"},
     };
 };
 

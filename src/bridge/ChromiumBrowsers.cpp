@@ -93,35 +93,79 @@ bool processScanSaysRunning(const Browser& browser, const QString& userDataDirec
 
 const std::vector<Browser>& all()
 {
+    using Sandbox = Browser::Sandbox;
+    const QStringList chrome{QStringLiteral("chrome")};
+    const QStringList chromium{QStringLiteral("chromium"), QStringLiteral("chromium-browser")};
     static const std::vector<Browser> browsers{
         {QStringLiteral("google-chrome"),
          QStringLiteral("google-chrome"),
          {QStringLiteral("google-chrome-stable"), QStringLiteral("google-chrome")},
-         {QStringLiteral("chrome"), QStringLiteral("google-chrome"), QStringLiteral("google-chrome-stable")}},
+         {QStringLiteral("chrome"), QStringLiteral("google-chrome"), QStringLiteral("google-chrome-stable")},
+         Sandbox::none,
+         QStringLiteral("Google Chrome")},
         {QStringLiteral("google-chrome-beta"),
          QStringLiteral("google-chrome-beta"),
          {QStringLiteral("google-chrome-beta")},
-         {QStringLiteral("chrome"), QStringLiteral("google-chrome-beta")}},
+         {QStringLiteral("chrome"), QStringLiteral("google-chrome-beta")},
+         Sandbox::none,
+         QStringLiteral("Google Chrome Beta")},
         {QStringLiteral("google-chrome-unstable"),
          QStringLiteral("google-chrome-unstable"),
          {QStringLiteral("google-chrome-unstable")},
-         {QStringLiteral("chrome"), QStringLiteral("google-chrome-unstable")}},
-        {QStringLiteral("chromium"),
-         QStringLiteral("chromium"),
-         {QStringLiteral("chromium"), QStringLiteral("chromium-browser")},
-         {QStringLiteral("chromium"), QStringLiteral("chromium-browser")}},
+         {QStringLiteral("chrome"), QStringLiteral("google-chrome-unstable")},
+         Sandbox::none,
+         QStringLiteral("Google Chrome Dev")},
+        {QStringLiteral("chromium"), QStringLiteral("chromium"), chromium, chromium, Sandbox::none,
+         QStringLiteral("Chromium")},
         {QStringLiteral("brave"),
          QStringLiteral("BraveSoftware/Brave-Browser"),
          {QStringLiteral("brave-browser"), QStringLiteral("brave")},
-         {QStringLiteral("brave"), QStringLiteral("brave-browser")}},
+         {QStringLiteral("brave"), QStringLiteral("brave-browser")},
+         Sandbox::none,
+         QStringLiteral("Brave")},
         {QStringLiteral("microsoft-edge"),
          QStringLiteral("microsoft-edge"),
          {QStringLiteral("microsoft-edge-stable"), QStringLiteral("microsoft-edge")},
-         {QStringLiteral("msedge"), QStringLiteral("microsoft-edge")}},
+         {QStringLiteral("msedge"), QStringLiteral("microsoft-edge")},
+         Sandbox::none,
+         QStringLiteral("Microsoft Edge")},
         {QStringLiteral("vivaldi"),
          QStringLiteral("vivaldi"),
          {QStringLiteral("vivaldi-stable"), QStringLiteral("vivaldi")},
-         {QStringLiteral("vivaldi-bin"), QStringLiteral("vivaldi")}},
+         {QStringLiteral("vivaldi-bin"), QStringLiteral("vivaldi")},
+         Sandbox::none,
+         QStringLiteral("Vivaldi")},
+        // Never started from PATH: they live behind "flatpak run" and "snap run".
+        {QStringLiteral("google-chrome-flatpak"),
+         QStringLiteral(".var/app/com.google.Chrome/config/google-chrome"),
+         {},
+         chrome,
+         Sandbox::flatpak,
+         QStringLiteral("Flatpak 版 Google Chrome")},
+        {QStringLiteral("chromium-flatpak"),
+         QStringLiteral(".var/app/org.chromium.Chromium/config/chromium"),
+         {},
+         chromium,
+         Sandbox::flatpak,
+         QStringLiteral("Flatpak 版 Chromium")},
+        {QStringLiteral("brave-flatpak"),
+         QStringLiteral(".var/app/com.brave.Browser/config/BraveSoftware/Brave-Browser"),
+         {},
+         {QStringLiteral("brave")},
+         Sandbox::flatpak,
+         QStringLiteral("Flatpak 版 Brave")},
+        {QStringLiteral("microsoft-edge-flatpak"),
+         QStringLiteral(".var/app/com.microsoft.Edge/config/microsoft-edge"),
+         {},
+         {QStringLiteral("msedge")},
+         Sandbox::flatpak,
+         QStringLiteral("Flatpak 版 Microsoft Edge")},
+        {QStringLiteral("chromium-snap"),
+         QStringLiteral("snap/chromium/common/chromium"),
+         {},
+         chromium,
+         Sandbox::snap,
+         QStringLiteral("Snap 版 Chromium")},
     };
     return browsers;
 }
@@ -133,7 +177,8 @@ const Browser& googleChrome()
 
 QString userDataDirectory(const Browser& browser)
 {
-    return QDir(configHome()).filePath(browser.configFolder);
+    const QString base = browser.sandbox == Browser::Sandbox::none ? configHome() : QDir::homePath();
+    return QDir(base).filePath(browser.configFolder);
 }
 
 bool hasUserDataDirectory(const Browser& browser)
@@ -167,6 +212,14 @@ const Browser& primary()
 
 bool isRunning(const Browser& browser, const QString& userDataDirectory)
 {
+    // Flatpak gives the browser a pid namespace of its own: the pid in its lock means nothing here,
+    // so the lock itself is the sign. Sandboxed processes cannot be told from the host's by name.
+    if (browser.sandbox == Browser::Sandbox::flatpak) {
+        return QFileInfo(QDir(userDataDirectory).filePath(QStringLiteral("SingletonLock"))).isSymLink();
+    }
+    if (browser.sandbox == Browser::Sandbox::snap) {
+        return singletonLockSaysRunning(userDataDirectory).value_or(false);
+    }
     if (const std::optional<bool> locked = singletonLockSaysRunning(userDataDirectory)) {
         if (*locked) {
             return true;

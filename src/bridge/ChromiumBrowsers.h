@@ -10,13 +10,19 @@ namespace velnora::ChromiumBrowsers {
 
 struct Browser
 {
-    QString id;               // "google-chrome", "chromium", ...
-    QString configFolder;     // user-data-dir relative to $XDG_CONFIG_HOME
+    // Flatpak and Snap builds run in a sandbox that may not let them start a host outside it.
+    enum class Sandbox { none, flatpak, snap };
+
+    QString id;               // "google-chrome", "chromium", "chromium-flatpak", ...
+    QString configFolder;     // user-data-dir relative to $XDG_CONFIG_HOME, or to $HOME when sandboxed
     QStringList programs;     // executables to look for on PATH, preferred first
     QStringList processNames; // basenames of the browser's own executable as seen in /proc
+    Sandbox sandbox = Sandbox::none;
+    QString title; // what the user calls it
 };
 
-// Google Chrome (stable, beta, unstable), Chromium, Brave, Edge, Vivaldi; Chrome stable first.
+// Google Chrome (stable, beta, unstable), Chromium, Brave, Edge, Vivaldi, then the Flatpak and Snap
+// builds; Chrome stable first.
 const std::vector<Browser>& all();
 const Browser& googleChrome();
 
@@ -28,11 +34,12 @@ QString nativeMessagingHostsDirectory(const Browser& browser);
 // not count.
 bool isInUse(const Browser& browser);
 
-// The browser the diagnosis looks at: Google Chrome, or Chromium when only Chromium is in use.
+// Where manifests go when no browser is in use: Google Chrome, or Chromium when only Chromium is in use.
 const Browser& primary();
 
 // Whether a browser process of that user-data-dir is alive: the pid in its "SingletonLock" link
 // ("<host>-<pid>") first, then a scan of /proc for a browser process (no "--type=") of that folder.
+// Sandboxed builds: the lock only.
 bool isRunning(const Browser& browser, const QString& userDataDirectory);
 
 // The first of the browser's programs found on PATH.

@@ -12,6 +12,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <cerrno>
+#include <unistd.h>
 
 namespace velnora::NativeHostInstaller {
 
@@ -76,8 +77,22 @@ QString hostDirectoryURL()
 
 QString currentExecutablePath()
 {
-    const QString resolved = QFile::symLinkTarget(QStringLiteral("/proc/self/exe"));
-    return resolved.isEmpty() ? QStringLiteral("/proc/self/exe") : resolved;
+    return executablePathOf(QStringLiteral("/proc/self/exe"));
+}
+
+QString executablePathOf(const QString& exeLink)
+{
+    char target[4096];
+    const ssize_t length = ::readlink(QFile::encodeName(exeLink).constData(), target, sizeof target);
+    if (length <= 0 || length == ssize_t(sizeof target)) {
+        return exeLink;
+    }
+    QString resolved = QFile::decodeName(QByteArray(target, length));
+    const QString deleted = QStringLiteral(" (deleted)");
+    if (resolved.endsWith(deleted) && QFileInfo::exists(resolved.chopped(deleted.size()))) {
+        resolved.chop(deleted.size());
+    }
+    return resolved;
 }
 
 QString install(std::optional<QString> hostDirectory, std::optional<QUrl> executableURL)

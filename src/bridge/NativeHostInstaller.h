@@ -39,6 +39,9 @@ QString hostDirectoryURL();
 
 // The running executable (resolved through /proc/self/exe).
 QString currentExecutablePath();
+// The program a /proc/<pid>/exe link names. After an upgrade replaced the file under a running process
+// the kernel reports "<path> (deleted)": the path itself is where the new program now is.
+QString executablePathOf(const QString& exeLink);
 
 // Writes host folder + manifestFileName unless its bytes are already the same; mode 0644. The executable
 // must be a file URL (else ENOENT). Throws FileSystemError. Returns the manifest's path.

@@ -3,6 +3,7 @@
 #include "bridge/AtomicFile.h"
 #include "bridge/FileSystemError.h"
 #include "bridge/NativeHostInstaller.h"
+#include "bridge/PageSelfCheck.h"
 #include "config/ProviderCatalog.h"
 
 #include <QEventLoop>
@@ -34,8 +35,9 @@ double steadySeconds()
 NativeMessagingHost::NativeMessagingHost(RequestStore& store, int inputDescriptor, int outputDescriptor,
                                          QObject* parent)
     : QObject(parent), m_store(store), m_input(inputDescriptor), m_output(outputDescriptor),
-      m_clock(steadySeconds), m_lastHeartbeatAt(-std::numeric_limits<double>::infinity()),
-      m_lastPortHeartbeatAt(steadySeconds()), m_portHeartbeatInterval(portHeartbeatIntervalFromEnvironment())
+      m_claims(store.baseDirectory()), m_clock(steadySeconds),
+      m_lastHeartbeatAt(-std::numeric_limits<double>::infinity()), m_lastPortHeartbeatAt(steadySeconds()),
+      m_portHeartbeatInterval(portHeartbeatIntervalFromEnvironment())
 {}
 
 NativeMessagingHost::~NativeMessagingHost() = default;
@@ -204,6 +206,10 @@ void NativeMessagingHost::handleIncoming(const QJsonObject& message)
         writeExtensionStatus(message);
         return;
     }
+    if (type == QStringLiteral("PAGE_CHECK_RESULT")) {
+        PageSelfCheck::recordResult(m_store, message);
+        return;
+    }
     const QJsonValue requestID = message.value(QStringLiteral("requestId"));
     if (!type.isString() || !requestID.isString()) {
         return;
@@ -241,15 +247,22 @@ void NativeMessagingHost::handleAnswer(const QString& type, const QString& reque
             m_store.acknowledge(requestID);
         } catch (const FileSystemError&) {
         }
+        m_claims.release(requestID, !m_store.contains(requestID));
         m_inFlight.remove(requestID);
         m_retryCounts.remove(requestID);
         m_retryNotBefore.remove(requestID);
     } else if (type == u"NACK_REQUEST") {
-        m_inFlight.remove(requestID);
-        const int refusals = std::min(m_retryCounts.value(requestID) + 1, 6);
-        m_retryCounts.insert(requestID, refusals);
-        m_retryNotBefore.insert(requestID, now() + retryDelaySeconds(refusals));
+        refuse(requestID);
     }
+}
+
+void NativeMessagingHost::refuse(const QString& requestID)
+{
+    m_claims.release(requestID);
+    m_inFlight.remove(requestID);
+    const int refusals = std::min(m_retryCounts.value(requestID) + 1, 6);
+    m_retryCounts.insert(requestID, refusals);
+    m_retryNotBefore.insert(requestID, now() + retryDelaySeconds(refusals));
 }
 
 void NativeMessagingHost::startScanning()
@@ -267,6 +280,7 @@ void NativeMessagingHost::startScanning()
         m_watcher = new QFileSystemWatcher(this);
         connect(m_watcher, &QFileSystemWatcher::directoryChanged, this, &NativeMessagingHost::scheduleScan);
     }
+    m_claims.sweep([this](const QString& id) { return m_store.contains(id); });
     scanPendingRequests();
 }
 
@@ -303,15 +317,36 @@ void NativeMessagingHost::scanPendingRequests()
     for (const RequestStore::Pending& entry : pending) {
         const QString& id = entry.request.id;
         listed.insert(id);
-        if (m_inFlight.contains(id) ||
-            m_retryNotBefore.value(id, -std::numeric_limits<double>::infinity()) > current) {
+        if (const auto sent = m_inFlight.constFind(id); sent != m_inFlight.constEnd()) {
+            if (current - *sent >= deliveryDeadline) {
+                refuse(id);
+            }
             continue;
         }
-        m_inFlight.insert(id);
+        if (m_retryNotBefore.value(id, -std::numeric_limits<double>::infinity()) > current) {
+            continue;
+        }
+        // Another host delivers it; and the listing may predate its acknowledgement.
+        if (!m_claims.tryClaim(id)) {
+            continue;
+        }
+        if (!m_store.contains(id)) {
+            m_claims.release(id, true);
+            continue;
+        }
+        m_inFlight.insert(id, current);
         send(requestMessage(entry.request));
     }
-    // Records deleted behind our back (the application replaced or withdrew them) can never be answered.
-    m_inFlight.removeIf([&listed](const QString& id) { return !listed.contains(id); });
+    // Records deleted behind our back (the application replaced or withdrew them, another host
+    // delivered them) can never be answered.
+    for (auto it = m_inFlight.begin(); it != m_inFlight.end();) {
+        if (listed.contains(it.key())) {
+            ++it;
+        } else {
+            m_claims.release(it.key(), true);
+            it = m_inFlight.erase(it);
+        }
+    }
     m_retryCounts.removeIf([&listed](const auto& entry) { return !listed.contains(entry.key()); });
     m_retryNotBefore.removeIf([&listed](const auto& entry) { return !listed.contains(entry.key()); });
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "bridge/RequestClaims.h"
 #include "bridge/RequestStore.h"
 
 #include <QByteArray>
@@ -26,6 +27,9 @@ class NativeMessagingHost : public QObject
 public:
     static constexpr quint32 maximumFrameSize = 1048576;
     static constexpr double defaultPortHeartbeatInterval = 20;
+    // The extension gives up on a delivery after 60 s; past this an unanswered request is treated as
+    // refused and its claim let go, so a lost answer cannot hold it forever.
+    static constexpr double deliveryDeadline = 75;
 
     // Monotonic seconds; a seam so retry back-off can be tested without waiting for it.
     using Clock = std::function<double()>;
@@ -58,9 +62,8 @@ public:
         m_clock = std::move(clock);
         m_lastPortHeartbeatAt = m_clock();
     }
-    double portHeartbeatInterval() const { return m_portHeartbeatInterval; }
     bool isInFlight(const QString& requestID) const { return m_inFlight.contains(requestID); }
-    int retryCount(const QString& requestID) const { return m_retryCounts.value(requestID); }
+    bool holdsClaim(const QString& requestID) const { return m_claims.holds(requestID); }
     std::optional<double> retryNotBefore(const QString& requestID) const;
 
     // VELNORA_PORT_HEARTBEAT_SECONDS, else BRINKWELL_PORT_HEARTBEAT_SECONDS, when it is a positive
@@ -74,13 +77,15 @@ public:
 private:
     void scheduleScan();
     void writeExtensionStatus(const QJsonObject& message);
+    void refuse(const QString& requestID);
     double now() const { return m_clock(); }
 
     RequestStore& m_store;
     int m_input;
     int m_output;
     std::mutex m_outputLock;
-    QSet<QString> m_inFlight;
+    RequestClaims m_claims;
+    QHash<QString, double> m_inFlight; // request id → when it was sent
     QHash<QString, int> m_retryCounts;
     QHash<QString, double> m_retryNotBefore;
     QTimer* m_scanTimer = nullptr;

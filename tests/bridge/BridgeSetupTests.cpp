@@ -1,15 +1,21 @@
 #include "BridgeTestFiles.h"
+#include "bridge/BrowserProviderSync.h"
 #include "bridge/ChromeProfileProbe.h"
 #include "bridge/ChromiumBrowsers.h"
 #include "bridge/NativeHostInstaller.h"
 #include "bridge/RequestStore.h"
+#include "config/ConfigurationStore.h"
 #include "config/ProviderCatalog.h"
 #include "support/TestEnvironment.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QTemporaryDir>
+#include <functional>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace velnora;
@@ -130,6 +136,162 @@ TEST(BridgeStatusMode, EachMainStateGetsItsOwnChineseText)
         EXPECT_EQ(exitCode, row.heartbeat ? 0 : 2);
         EXPECT_EQ(lines.mid(0, 2).join(u'\n').toStdString(), (row.status + u'\n' + row.advice).toStdString());
     }
+}
+
+// Diagnosis follows the browser that runs and carries the extension, wherever it keeps its data; the
+// installer covers the Flatpak and Snap folders as soon as they exist.
+TEST(BridgeStatusMode, LooksAtTheRunningBrowserWithTheExtensionIncludingSandboxedOnes)
+{
+    const QString ours = ExplainerConstants::extensionIdentifier();
+    const QByteArray withExtension =
+        preferences({{ours, QJsonObject{{"location", 4}, {"path", "/srv/ext"}}}});
+    struct Browser
+    {
+        QString folder; // under HOME
+        bool running;
+        QByteArray preferences;
+    };
+    struct Case
+    {
+        const char* name;
+        std::vector<Browser> browsers;
+        QString status, advice;
+    };
+    const QString chrome = QStringLiteral(".config/google-chrome");
+    const QString chromium = QStringLiteral(".config/chromium");
+    const QString flatpak = QStringLiteral(".var/app/org.chromium.Chromium/config/chromium");
+    const QString snap = QStringLiteral("snap/chromium/common/chromium");
+    const QString silent = QStringLiteral("○ 未连接 · 扩展尚未连接");
+    const QString sandboxed = QStringLiteral("○ 未连接 · 浏览器在沙盒中运行");
+    const std::vector<Case> cases{
+        {"Chrome closed, Chromium running",
+         {{chrome, false, {}}, {chromium, true, withExtension}},
+         silent,
+         {}},
+        {"both running, only Chromium has it",
+         {{chrome, true, preferences({})}, {chromium, true, withExtension}},
+         silent,
+         {}},
+        {"Flatpak Chromium running with it",
+         {{chrome, false, {}}, {flatpak, true, withExtension}},
+         sandboxed,
+         "Flatpak 版 Chromium 运行在沙盒里，启动不了澜镜的连接程序。请改用软件源（deb 包）安装的 Google "
+         "Chrome "
+         "或 Chromium，并在其中加载澜镜扩展。"},
+        {"Snap Chromium running with it", {{snap, true, withExtension}}, sandboxed, {}},
+        {"nothing running",
+         {{chrome, false, {}}, {flatpak, false, withExtension}},
+         "○ 未连接 · Chrome 没有运行",
+         {}},
+    };
+    for (const Case& row : cases) {
+        SCOPED_TRACE(row.name);
+        TemporaryHome home;
+        for (const Browser& browser : row.browsers) {
+            const QString folder = home.filePath(browser.folder) + u'/';
+            writeFile(folder + "Local State", "{}");
+            writeFile(folder + "Default/Preferences", browser.preferences);
+            if (browser.running) {
+                ASSERT_TRUE(
+                    QFile::link(QStringLiteral("testhost-%1").arg(::getpid()), folder + "SingletonLock"));
+            }
+        }
+        const QStringList written =
+            NativeHostInstaller::installForAllBrowsers(QUrl::fromLocalFile(velnoraBinary()));
+        for (const Browser& browser : row.browsers) {
+            EXPECT_TRUE(written.contains(home.filePath(browser.folder) +
+                                         "/NativeMessagingHosts/com.tarnwick.velnora.domestic.json"))
+                << browser.folder.toStdString();
+        }
+        const auto [exitCode, lines] = runMode(QStringLiteral("--bridge-status"));
+        EXPECT_EQ(exitCode, 2);
+        EXPECT_EQ(lines.value(0), row.status);
+        if (!row.advice.isEmpty()) {
+            EXPECT_EQ(lines.value(1), row.advice);
+        }
+    }
+}
+
+// An upgrade replaces the program under the running app: the manifest must name the new file, not
+// the kernel's "<path> (deleted)"; a program that is gone altogether keeps its text as it is.
+TEST(NativeHostInstaller, NamesTheReplacingProgramWhenTheRunningOneWasReplaced)
+{
+    QTemporaryDir folder;
+    const QString program = folder.filePath(QStringLiteral("velnora"));
+    ASSERT_TRUE(QFile::copy(QStringLiteral("/bin/sleep"), program));
+    QProcess running;
+    running.start(program, {QStringLiteral("30")});
+    ASSERT_TRUE(running.waitForStarted(5000));
+    const QString link = QStringLiteral("/proc/%1/exe").arg(running.processId());
+    EXPECT_EQ(NativeHostInstaller::executablePathOf(link), program) << "not replaced yet";
+
+    const QString upgrade = folder.filePath(QStringLiteral("velnora.new"));
+    ASSERT_TRUE(QFile::copy(QStringLiteral("/bin/sleep"), upgrade));
+    ASSERT_EQ(::rename(QFile::encodeName(upgrade).constData(), QFile::encodeName(program).constData()), 0);
+    EXPECT_EQ(QFile::symLinkTarget(link), program + QStringLiteral(" (deleted)")) << "the kernel's view";
+    EXPECT_EQ(NativeHostInstaller::executablePathOf(link), program);
+
+    ASSERT_TRUE(QFile::remove(program));
+    EXPECT_EQ(NativeHostInstaller::executablePathOf(link), program + QStringLiteral(" (deleted)"));
+    running.kill();
+    running.waitForFinished(5000);
+}
+
+// The extension learns the browser service the user picked: one SET_BROWSER_PROVIDER for the latest
+// choice, nothing for changes of other settings or for picking the same service again.
+TEST(BrowserProviderSync, QueuesOneChoiceForEachChangeOfTheBrowserService)
+{
+    QTemporaryDir folder;
+    ConfigurationStore configuration(folder.filePath(QStringLiteral("settings.conf")));
+    RequestStore store(folder.filePath(QStringLiteral("data")));
+    configuration.setBrowserProvider(BrowserProvider::kimi);
+    BrowserProviderSync sync(configuration, store);
+    const auto queuedChoices = [&] {
+        QStringList providers;
+        for (const RequestStore::Pending& pending : store.pendingRequests()) {
+            providers.append(rawValue(pending.request.type) + u'=' + pending.request.provider.value_or(""));
+        }
+        return providers;
+    };
+    const std::vector<std::pair<std::function<void()>, QStringList>> steps{
+        {[&] { configuration.setExplanationDepth(ExplanationDepth::deep); }, {}},
+        {[&] { configuration.setBrowserProvider(BrowserProvider::kimi); }, {}},
+        {[&] { configuration.setBrowserProvider(BrowserProvider::ernie); }, {"SET_BROWSER_PROVIDER=ernie"}},
+        {[&] { configuration.setBrowserProvider(BrowserProvider::glm); }, {"SET_BROWSER_PROVIDER=glm"}},
+        {[&] { store.enqueue(BridgeRequestType::newSession); }, {"SET_BROWSER_PROVIDER=glm", "NEW_SESSION="}},
+        {[&] { configuration.setBrowserProvider(BrowserProvider::qwen); },
+         {"NEW_SESSION=", "SET_BROWSER_PROVIDER=qwen"}},
+    };
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        SCOPED_TRACE(i);
+        steps[i].first();
+        EXPECT_EQ(queuedChoices(), steps[i].second);
+    }
+}
+
+// The self-tests wait up to 12 and 25 seconds for a browser; they must sleep through it, not spin.
+TEST(BridgeSelfTestModes, RepairSelfTestWaitsWithoutSpinningACore)
+{
+    TemporaryHome home;
+    EnvironmentGuard noBrowser;
+    noBrowser.set("PATH", QFile::encodeName(home.filePath(QStringLiteral("no-programs"))));
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const QByteArray program = QFile::encodeName(velnoraBinary());
+        ::execl(program.constData(), program.constData(), "--browser-repair-self-test", nullptr);
+        ::_exit(127);
+    }
+    int status = 0;
+    struct rusage usage
+    {
+    };
+    ASSERT_EQ(::wait4(child, &status, 0, &usage), child);
+    EXPECT_EQ(WEXITSTATUS(status), 1) << "no browser: the repair times out";
+    const double cpuSeconds = double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                              double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    // Spinning costs the whole 12 s of the wait; sleeping costs start-up and a few file checks.
+    EXPECT_LT(cpuSeconds, 2.0);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "BridgeTestFiles.h"
 #include "bridge/NativeMessagingHost.h"
+#include "bridge/PageSelfCheck.h"
 #include "bridge/RequestStore.h"
 #include "config/ProviderCatalog.h"
 #include "support/NativeHostClient.h"
@@ -8,6 +9,7 @@
 #include <QJsonDocument>
 #include <QTemporaryDir>
 #include <QTest>
+#include <array>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -143,6 +145,108 @@ TEST_F(HostTest, EveryMalformedFrameEndsTheHostUnheededAndTheLargestIsAccepted)
     }
 }
 
+// Two browsers (or profiles) with the extension: two hosts serve one queue, and each request still
+// goes to exactly one of them. The claim dies with its holder, so the other host takes over.
+TEST_F(HostTest, TwoHostsOnOneQueueDeliverEachRequestOnceAndTakeOverFromAHostThatDied)
+{
+    std::vector<BridgeRequest> requests;
+    for (int i = 0; i < 6; ++i) {
+        requests.push_back(store.enqueue(BridgeRequestType::explainText, QStringLiteral("第%1段").arg(i)));
+    }
+    auto first = startHost();
+    auto second = startHost();
+    std::array<QStringList, 2> received;
+    const auto collect = [&](int milliseconds) {
+        for (int round = 0; round < milliseconds / 100; ++round) {
+            for (std::size_t i = 0; i < 2; ++i) {
+                if (const auto message = (i == 0 ? first : second)->receiveMessage(50)) {
+                    received[i].append(message->value(QStringLiteral("requestId")).toString());
+                }
+            }
+        }
+    };
+    collect(2000);
+    QStringList all = received[0] + received[1];
+    all.sort();
+    QStringList expected;
+    for (const BridgeRequest& request : requests) {
+        expected.append(request.id);
+    }
+    expected.sort();
+    ASSERT_EQ(all, expected) << "every request exactly once across both hosts";
+
+    // The first host never answers and dies; what it held goes out through the second.
+    const QStringList orphaned = received[0];
+    for (const QString& id : received[1]) {
+        second->send(answer("ACK_REQUEST", id));
+    }
+    first->process().kill();
+    first->waitForExit(5000);
+    received = {};
+    collect(3000);
+    QStringList taken = received[1];
+    taken.sort();
+    QStringList wanted = orphaned;
+    wanted.sort();
+    EXPECT_EQ(taken, wanted);
+    for (const QString& id : taken) {
+        second->send(answer("ACK_REQUEST", id));
+    }
+    EXPECT_TRUE(QTest::qWaitFor([&] { return store.pendingRequests().empty(); }, 10000));
+    // Acknowledged requests leave no claim behind.
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return QDir(data.filePath(QStringLiteral("DeliveryClaims"))).isEmpty(QDir::Files); }, 5000));
+}
+
+// The page self-check's answer travels extension → host → file → PageSelfCheck; only well-formed
+// answers under a valid request id are kept.
+TEST_F(HostTest, KeepsWellFormedPageCheckAnswersForTheSelfCheck)
+{
+    auto host = startHost();
+    const QJsonObject ready{{"type", "PAGE_CHECK_RESULT"},
+                            {"reachable", true},
+                            {"signInPage", false},
+                            {"input", true},
+                            {"submit", true},
+                            {"signedIn", true}};
+    const auto withID = [](QJsonObject message, const QString& id) {
+        message.insert(QStringLiteral("requestId"), id);
+        return message;
+    };
+    QJsonObject notBoolean = withID(ready, QStringLiteral("b"));
+    notBoolean.insert(QStringLiteral("input"), QStringLiteral("yes"));
+    QJsonObject missing = withID(ready, QStringLiteral("c"));
+    missing.remove(QStringLiteral("signedIn"));
+    host->send(withID(ready, QStringLiteral("../escape")));
+    host->send(notBoolean);
+    host->send(missing);
+    host->send(withID(ready, QStringLiteral("a")));
+    const QString kept = PageSelfCheck::resultFilePath(store, QStringLiteral("a"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QFileInfo::exists(kept); }, 5000));
+    const QJsonObject result = QJsonDocument::fromJson(readFile(kept)).object();
+    EXPECT_TRUE(PageSelfCheck::isReady(result));
+    EXPECT_EQ(PageSelfCheck::sentence(BrowserProvider::glm, result),
+              QStringLiteral("智谱清言（GLM）网页正常：已登录，输入框和发送按钮都找到了。"));
+    EXPECT_EQ(QDir(QFileInfo(kept).absolutePath()).entryList(QDir::Files), QStringList{"a.json"});
+    EXPECT_FALSE(QFileInfo::exists(data.filePath(QStringLiteral("escape.json"))));
+}
+
+// Without a connected extension the check says so at once and queues nothing.
+TEST(PageSelfCheckStart, WithoutTheExtensionAnswersAtOnceAndQueuesNothing)
+{
+    QTemporaryDir data;
+    RequestStore store(data.path());
+    PageSelfCheck check(store);
+    QStringList sentences;
+    QObject::connect(&check, &PageSelfCheck::finished, [&](const QString& sentence, bool ready) {
+        sentences.append(sentence + (ready ? "+" : "-"));
+    });
+    check.start(BrowserProvider::doubao);
+    EXPECT_EQ(sentences, QStringList{"浏览器扩展还没有连接，请先点「修复连接」，再检测网页。-"});
+    EXPECT_TRUE(store.pendingRequests().empty());
+    EXPECT_FALSE(check.isRunning());
+}
+
 // The host in this process with a clock the test moves by hand.
 TEST(HostBackOff, RefusalsBackOffToSixtySecondsAndNeverDropTheRequest)
 {
@@ -179,6 +283,19 @@ TEST(HostBackOff, RefusalsBackOffToSixtySecondsAndNeverDropTheRequest)
         host.scanPendingRequests();
         EXPECT_EQ(sentIDs(), QStringList{request.id});
     }
+
+    // An answer that never comes counts as a refusal once the delivery deadline has passed.
+    EXPECT_TRUE(host.holdsClaim(request.id));
+    clock += NativeMessagingHost::deliveryDeadline - 0.01;
+    host.scanPendingRequests();
+    EXPECT_TRUE(host.isInFlight(request.id));
+    clock += 0.01;
+    host.scanPendingRequests();
+    EXPECT_FALSE(host.isInFlight(request.id));
+    EXPECT_FALSE(host.holdsClaim(request.id)) << "another host may take it now";
+    clock += 60;
+    host.scanPendingRequests();
+    EXPECT_EQ(sentIDs(), QStringList{request.id});
 
     host.handleAnswer(QStringLiteral("ACK_REQUEST"), request.id);
     EXPECT_FALSE(store.contains(request.id));
