@@ -7,6 +7,7 @@
 #include "app/settings/BrowserConnectionSection.h"
 #include "app/settings/FieldMarks.h"
 #include "app/settings/SettingsWindow.h"
+#include "bridge/PageSelfCheck.h"
 #include "config/ConfigurationError.h"
 #include "config/ConfigurationStore.h"
 #include "config/KeychainStore.h"
@@ -491,6 +492,43 @@ TEST_F(WindowsTest, TheAboutWindowShowsWhatOthersWroteAsPlainText)
     for (QLabel* label : {window.extensionStatusLabel(), window.applicationStatusLabel()}) {
         EXPECT_EQ(label->textFormat(), Qt::PlainText) << label->text().toStdString();
     }
+}
+
+// "检测网页" checks the service shown in the window, saved or not, and reports the page's answer as
+// the host hands it over; with no extension connected it says so at once instead of waiting.
+TEST_F(WindowsTest, ThePageCheckAsksAboutTheShownServiceAndReportsTheAnswer)
+{
+    auto window = makeWindow();
+    GeneralSettingsPage* general = window->generalPage();
+    BrowserConnectionSection* browser = general->browserSection();
+    const RequestStore store(directory.filePath("data"));
+
+    browser->pageCheckButton()->click();
+    EXPECT_EQ(browser->messageLine()->text(), "浏览器扩展还没有连接，请先点「修复连接」，再检测网页。");
+    EXPECT_TRUE(browser->pageCheckButton()->isEnabled());
+    EXPECT_TRUE(store.pendingRequests().empty());
+
+    store.ensureDirectories();
+    store.markBridgeActive();
+    choose(general->browserProviderBox(), "kimi");
+    browser->pageCheckButton()->click();
+    EXPECT_FALSE(browser->pageCheckButton()->isEnabled());
+    const std::vector<RequestStore::Pending> pending = store.pendingRequests();
+    ASSERT_EQ(pending.size(), 1u);
+    EXPECT_EQ(pending[0].request.type, BridgeRequestType::checkPage);
+    EXPECT_EQ(pending[0].request.provider, "kimi");
+    EXPECT_EQ(pending[0].request.text, std::nullopt); // nothing that could be typed into the page
+
+    ASSERT_TRUE(PageSelfCheck::recordResult(store, QJsonObject{{"requestId", pending[0].request.id},
+                                                               {"reachable", true},
+                                                               {"signInPage", false},
+                                                               {"input", true},
+                                                               {"submit", true},
+                                                               {"signedIn", false}}));
+    ASSERT_TRUE(test::waitUntil([&] { return browser->pageCheckButton()->isEnabled(); }, 5000));
+    EXPECT_TRUE(browser->messageLine()->text().startsWith("Kimi"));
+    EXPECT_TRUE(browser->messageLine()->text().contains("还没有登录"));
+    EXPECT_EQ(browser->messageLine()->tone(), Tone::warning);
 }
 
 // Results come and go without moving the form, in the light and the dark look; VELNORA_SHOT_DIR

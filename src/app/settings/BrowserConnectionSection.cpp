@@ -4,6 +4,7 @@
 #include "bridge/BridgeDiagnostics.h"
 #include "bridge/BridgeRepair.h"
 #include "bridge/BundledExtension.h"
+#include "bridge/PageSelfCheck.h"
 
 #include <QApplication>
 #include <QClipboard>
@@ -47,9 +48,14 @@ BrowserConnectionSection::BrowserConnectionSection(RequestStore requestStore,
     m_repair->setToolTip(QStringLiteral("重新写入连接配置，在后台唤起浏览器，并等待扩展连上"));
     m_install = new QPushButton(QStringLiteral("安装扩展(&I)"), this);
     m_install->setToolTip(QStringLiteral("打开随应用附带的扩展目录，并复制扩展页的地址"));
+    m_checkPage = new QPushButton(QStringLiteral("检测网页(&K)"), this);
+    m_checkPage->setToolTip(
+        QStringLiteral("打开所选的网页会话服务，检查输入框、发送按钮和登录状态，不会发送任何内容"));
+    m_pageCheck = new PageSelfCheck(m_requestStore, this);
     m_actions = new QHBoxLayout;
     m_actions->addWidget(m_repair);
     m_actions->addWidget(m_install);
+    m_actions->addWidget(m_checkPage);
     m_actions->addStretch(1);
 
     auto* layout = new QVBoxLayout(this);
@@ -64,6 +70,29 @@ BrowserConnectionSection::BrowserConnectionSection(RequestStore requestStore,
     connect(m_ticker, &QTimer::timeout, this, &BrowserConnectionSection::tick);
     connect(m_repair, &QPushButton::clicked, this, &BrowserConnectionSection::repair);
     connect(m_install, &QPushButton::clicked, this, &BrowserConnectionSection::installExtension);
+    connect(m_checkPage, &QPushButton::clicked, this, &BrowserConnectionSection::checkPage);
+    connect(m_pageCheck, &PageSelfCheck::finished, this, [this](const QString& sentence, bool pageReady) {
+        m_checkPage->setEnabled(true);
+        m_message->showMessage(sentence, pageReady ? Tone::success : Tone::warning);
+    });
+}
+
+void BrowserConnectionSection::setChosenProvider(std::function<BrowserProvider()> chosenProvider)
+{
+    m_chosenProvider = std::move(chosenProvider);
+}
+
+void BrowserConnectionSection::checkPage()
+{
+    if (m_pageCheck->isRunning()) {
+        return;
+    }
+    const BrowserProvider provider = m_chosenProvider ? m_chosenProvider() : BrowserProvider::doubao;
+    m_checkPage->setEnabled(false);
+    m_message->showMessage(
+        QStringLiteral("正在打开「%1」检测网页，不会发送任何内容…").arg(browserProviderTitle(provider)),
+        Tone::info);
+    m_pageCheck->start(provider);
 }
 
 void BrowserConnectionSection::refreshStatus()

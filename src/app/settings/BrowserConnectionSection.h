@@ -1,6 +1,7 @@
 #pragma once
 
 #include "bridge/RequestStore.h"
+#include "config/ProviderCatalog.h"
 
 #include <QGroupBox>
 #include <QUrl>
@@ -13,9 +14,11 @@ class QTimer;
 
 namespace velnora {
 
+class PageSelfCheck;
 class ResultLine;
 
-// "浏览器连接": whether the companion extension is connected, and the repair and install actions.
+// "浏览器连接": whether the companion extension is connected, and the repair, install and page-check
+// actions.
 // Its status is read again every two seconds while it is visible.
 class BrowserConnectionSection : public QGroupBox
 {
@@ -27,14 +30,17 @@ public:
     void refreshStatus();
     void repair();
     void installExtension();
+    // Opens the chosen site in the browser and reports, without sending anything, whether the page
+    // can take a request. The choice shown in the window counts, saved or not.
+    void checkPage();
+    void setChosenProvider(std::function<BrowserProvider()> chosenProvider);
     bool isRepairing() const { return m_repairing; }
 
     QLabel* statusLabel() const { return m_status; }
     QLabel* adviceLabel() const { return m_advice; }
     ResultLine* messageLine() const { return m_message; }
     QPushButton* repairButton() const { return m_repair; }
-    // The row of action buttons; the page check ("检测网页") joins it.
-    QHBoxLayout* actionRow() const { return m_actions; }
+    QPushButton* pageCheckButton() const { return m_checkPage; }
 
 protected:
     void showEvent(QShowEvent* event) override;
@@ -50,6 +56,9 @@ private:
     ResultLine* m_message;
     QPushButton* m_repair;
     QPushButton* m_install;
+    QPushButton* m_checkPage;
+    PageSelfCheck* m_pageCheck;
+    std::function<BrowserProvider()> m_chosenProvider;
     QHBoxLayout* m_actions;
     QTimer* m_ticker;
     bool m_repairing = false;

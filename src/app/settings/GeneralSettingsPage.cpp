@@ -79,6 +79,10 @@ GeneralSettingsPage::GeneralSettingsPage(Services services, QWidget* parent)
     connect(m_updates, &QPushButton::clicked, this, &GeneralSettingsPage::updatesRequested);
 
     m_browser = new BrowserConnectionSection(m_services.requestStore, m_services.openURL, this);
+    m_browser->setChosenProvider([this] {
+        return selected<BrowserProvider>(m_browserProvider)
+            .value_or(m_services.configuration->browserProvider());
+    });
 
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(14, 14, 14, 14);
