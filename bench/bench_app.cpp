@@ -187,7 +187,11 @@ void measureFootprint(const QStringList& command, const QStringList& environment
         }
         spinFor(3000);
         idle.sample(app.pid());
-        QProcess::execute(velnoraBinary(), {QStringLiteral("--explain-selection"), QStringLiteral("解释一下内存占用")});
+        QProcess explain;
+        explain.setStandardOutputFile(QProcess::nullDevice());
+        explain.start(velnoraBinary(),
+                      {QStringLiteral("--explain-selection"), QStringLiteral("解释一下内存占用")});
+        explain.waitForFinished(10000);
         std::optional<DesktopProbe::Window> card;
         spinUntil([&] { return (card = DesktopProbe::shownWindow(app.pid(), 200, 100)).has_value(); }, 10000);
         spinFor(60 * 20 + 1500); // the answer streams to its end

@@ -114,6 +114,7 @@ private:
     void ensureChromeRuns();
     void routeToBrowser(const SelectionResult& selection);
     void routeToCard(const SelectionResult& selection);
+    ProductUpdates* updates(); // created on first use
     void showAbout();
     void checkForUpdates();
 
