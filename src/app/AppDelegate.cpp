@@ -19,6 +19,7 @@
 #include "flow/ExplanationCoordinator.h"
 #include "llm/LLMClient.h"
 #include "llm/ProviderFailure.h"
+#include "overlay/ExplanationPanel.h"
 #include "overlay/OverlayPanelController.h"
 #include "updates/ProductUpdates.h"
 
@@ -30,6 +31,7 @@
 #include <QPainterPath>
 #include <QPixmap>
 #include <QSystemTrayIcon>
+#include <malloc.h>
 
 namespace velnora {
 
@@ -263,8 +265,25 @@ ExplanationCoordinator* AppDelegate::explanationCoordinator()
             new ExplanationCoordinator(*m_configuration, m_keychain, *m_client, *m_overlay);
         connect(m_explanationCoordinator, &ExplanationCoordinator::fixConfigurationRequested, this,
                 [this](ProviderField field) { openSettings({}, SettingsWindow::Tone::warning, field); });
+        // After the closing has run its course, not inside it.
+        connect(m_overlay->panel(), &ExplanationPanel::closed, this,
+                [this] { QTimer::singleShot(0, this, &AppDelegate::releaseClosedCard); });
     }
     return m_explanationCoordinator;
+}
+
+void AppDelegate::releaseClosedCard()
+{
+    if (!m_overlay || m_overlay->panel()->isVisible()) {
+        return; // shown again in the meantime
+    }
+    // A closed card's conversation is over: its windows, the client and the TLS state go, and the heap
+    // they used goes back to the system instead of staying with an idle tray icon.
+    delete m_explanationCoordinator;
+    m_explanationCoordinator = nullptr;
+    m_overlay.reset();
+    m_client.reset();
+    malloc_trim(0);
 }
 
 void AppDelegate::route(const SelectionResult& selection)
