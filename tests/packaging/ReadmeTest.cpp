@@ -50,7 +50,7 @@ TEST(ReadmeTest, NamesTheTrayMenuAsItIs)
             actual << action->text();
         }
     }
-    EXPECT_EQ(named, actual);
+    EXPECT_EQ(named.join(u'、').toStdString(), actual.join(u'、').toStdString());
     for (const HotKeyChoice& choice : HotKeyChoice::all()) {
         EXPECT_TRUE(readme.contains(choice.title)) << qPrintable(choice.title);
     }

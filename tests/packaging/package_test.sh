@@ -12,6 +12,8 @@ trap 'rm -rf "$work"' EXIT
 failures=0
 fail() { echo "FAILED: $*" >&2; failures=$((failures + 1)); }
 
+# Pipelines end in grep without -q: an early exit would fail the whole pipeline under pipefail.
+
 # Two packagings of one build: byte for byte the same.
 for run in 1 2; do
   cpack -G DEB --config "$build_dir/CPackConfig.cmake" -B "$work/out$run" >"$work/cpack$run.log" 2>&1 ||
@@ -49,14 +51,14 @@ appstreamcli validate --no-net --pedantic "$work/tree/usr/share/metainfo/com.tar
 grep -q "<release version=\"$(dpkg-deb -f "$deb" Version)\"" \
   "$work/tree/usr/share/metainfo/com.tarnwick.velnora.domestic.metainfo.xml" || fail "metainfo release version"
 # Qt's translations help but are not needed to run.
-dpkg-deb -f "$deb" Depends | grep -q qt6-translations-l10n && fail "qt6-translations-l10n is a Depends"
-dpkg-deb -f "$deb" Recommends | grep -q qt6-translations-l10n || fail "qt6-translations-l10n is not recommended"
+dpkg-deb -f "$deb" Depends | grep qt6-translations-l10n >/dev/null && fail "qt6-translations-l10n is a Depends"
+dpkg-deb -f "$deb" Recommends | grep qt6-translations-l10n >/dev/null || fail "qt6-translations-l10n is not recommended"
 
 binary="$work/tree/usr/bin/velnora"
-readelf -d "$binary" | grep -q 'BIND_NOW' || fail "the binary is not linked with -z now"
-readelf -l "$binary" | grep -q 'GNU_RELRO' || fail "the binary has no RELRO segment"
-nm -D "$binary" | grep -q '__stack_chk_fail' || fail "the binary has no stack protector"
-readelf -S "$binary" | grep -qE ' \.comment | \.note ' && fail "the binary keeps .comment or .note"
+readelf -d "$binary" | grep 'BIND_NOW' >/dev/null || fail "the binary is not linked with -z now"
+readelf -l "$binary" | grep 'GNU_RELRO' >/dev/null || fail "the binary has no RELRO segment"
+nm -D "$binary" | grep '__stack_chk_fail' >/dev/null || fail "the binary has no stack protector"
+readelf -S "$binary" | grep -E ' \.comment | \.note ' >/dev/null && fail "the binary keeps .comment or .note"
 
 # Lintian cannot see fortification in a program that has nothing to fortify: the compile commands can.
 grep -q -- '-D_FORTIFY_SOURCE=2' "$build_dir/compile_commands.json" || fail "not compiled with -D_FORTIFY_SOURCE=2"
