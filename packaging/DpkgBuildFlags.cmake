@@ -14,7 +14,9 @@ foreach(kind CPPFLAGS CXXFLAGS LDFLAGS)
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
     OUTPUT_VARIABLE dpkg_${kind} OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
-string(APPEND CMAKE_CXX_FLAGS " ${dpkg_CPPFLAGS} ${dpkg_CXXFLAGS}")
+# The build folder's name is mapped too (GCC tries the last map first): generated sources and
+# debug info then read the same from any build folder, and so does the build ID that hashes them.
+string(APPEND CMAKE_CXX_FLAGS " ${dpkg_CPPFLAGS} ${dpkg_CXXFLAGS} -ffile-prefix-map=${PROJECT_BINARY_DIR}=.")
 string(APPEND CMAKE_EXE_LINKER_FLAGS " ${dpkg_LDFLAGS}")
 string(APPEND CMAKE_SHARED_LINKER_FLAGS " ${dpkg_LDFLAGS}")
 string(APPEND CMAKE_MODULE_LINKER_FLAGS " ${dpkg_LDFLAGS}")
