@@ -1,40 +1,50 @@
 # The two commands of the README:
-#   make run    installs what is missing, builds, starts the app
-#   make test   installs what is missing, builds, runs every test inside a private desktop session
+#   make run    installs what building and running need, builds the app (no tests), starts it
+#   make test   installs everything the tests need too, builds all, runs every test inside a private
+#               desktop session
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all deps build run test test-asan bench package clean
+.PHONY: all run test test-asan bench package clean
 
-all: build
+all: run
 
-deps:
-	./scripts/install-deps.sh
-
-$(BUILD_DIR)/build.ninja:
-	cmake --preset default -B $(BUILD_DIR)
-
-build: deps $(BUILD_DIR)/build.ninja
-	cmake --build $(BUILD_DIR) -j $(JOBS)
-
-run: build
+# A first configure for running only needs no test libraries; make test turns the tests on.
+run:
+	./scripts/install-deps.sh build run
+	test -f $(BUILD_DIR)/build.ninja || \
+		cmake --preset default -B $(BUILD_DIR) -DVELNORA_BUILD_TESTS=OFF -DVELNORA_BUILD_BENCH=OFF
+	cmake --build $(BUILD_DIR) --target velnora -j $(JOBS)
 	$(BUILD_DIR)/src/velnora
 
-test: build
+test:
+	./scripts/install-deps.sh build run test
+	cmake --preset default -B $(BUILD_DIR) -DVELNORA_BUILD_TESTS=ON -DVELNORA_BUILD_BENCH=ON
+	cmake --build $(BUILD_DIR) -j $(JOBS)
 	./scripts/desktop-session.sh ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS) $(CTEST_ARGS)
 
-test-asan: deps
+test-asan:
+	./scripts/install-deps.sh build run test
 	cmake --preset asan
 	cmake --build build-asan -j $(JOBS)
 	./scripts/desktop-session.sh ctest --preset asan -j $(JOBS)
 
-# The Debian package (velnora_<version>_amd64.deb in the build folder), from the build the tests use.
-package: build
-	cmake --build $(BUILD_DIR) --target package
+# The Debian package, velnora_<version>_<architecture>.deb in the build folder. Its time stamps are the
+# last commit's, so two runs on one commit give the same file.
+package:
+	./scripts/install-deps.sh build
+	test -f $(BUILD_DIR)/build.ninja || \
+		cmake --preset default -B $(BUILD_DIR) -DVELNORA_BUILD_TESTS=OFF -DVELNORA_BUILD_BENCH=OFF
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+	cd $(BUILD_DIR) && cpack -G DEB
+	@ls $(BUILD_DIR)/velnora_*.deb
 
-bench: build
-	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+bench:
+	./scripts/install-deps.sh build run test
+	cmake --preset default -B $(BUILD_DIR) -DVELNORA_BUILD_TESTS=ON -DVELNORA_BUILD_BENCH=ON
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && ./scripts/desktop-session.sh "$$b"; done; true
 
 clean:
 	rm -rf $(BUILD_DIR) build-asan

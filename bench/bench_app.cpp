@@ -2,7 +2,9 @@
 //   start to tray icon ready (embedded by trayer), hot key to card shown through AT-SPI and through
 //   PRIMARY (API mode, answered by a loopback proxy that plays the provider), resident memory once the
 //   first explanation is done and the app idles, and CPU used while idle.
-// Usage: bench_app [--runs N] [--idle-seconds S]
+//   Footprint: resident and proportional memory of the tray idling, and once one explanation has been
+//   shown and its card closed (median of the runs).
+// Usage: bench_app [--runs N] [--idle-seconds S] [--footprint-only]
 #include "BenchStatistics.h"
 #include "CaptureDesktopSupport.h"
 #include "DesktopProbe.h"
@@ -22,6 +24,7 @@
 #include <X11/keysym.h>
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <unistd.h>
 #include <vector>
 #include <xcb/xcb.h>
@@ -132,6 +135,80 @@ double hotKeyToCardMs(qint64 pid)
     return shown ? clock.nsecsElapsed() / 1e6 : -1;
 }
 
+struct Footprint
+{
+    std::vector<double> residentMB, proportionalMB;
+    void sample(qint64 pid)
+    {
+        residentMB.push_back(memoryKilobytes(pid, "status", "VmRSS") / 1024.0);
+        proportionalMB.push_back(memoryKilobytes(pid, "smaps_rollup", "Pss") / 1024.0);
+    }
+    void print(const char* label) const
+    {
+        std::printf("  %-34s resident %5.1f MB, proportional %5.1f MB\n", label,
+                    bench::percentile(residentMB, 0.5), bench::percentile(proportionalMB, 0.5));
+    }
+};
+
+// Closes a window the way a window manager's close button does (WM_DELETE_WINDOW).
+void askWindowToClose(DesktopProbe::Window window)
+{
+    xcb_connection_t* c = xcb_connect(nullptr, nullptr);
+    auto atom = [&](const char* name) {
+        xcb_intern_atom_reply_t* reply =
+            xcb_intern_atom_reply(c, xcb_intern_atom(c, 0, uint16_t(strlen(name)), name), nullptr);
+        const xcb_atom_t value = reply ? reply->atom : XCB_NONE;
+        free(reply);
+        return value;
+    };
+    xcb_client_message_event_t event{};
+    event.response_type = XCB_CLIENT_MESSAGE;
+    event.format = 32;
+    event.window = window;
+    event.type = atom("WM_PROTOCOLS");
+    event.data.data32[0] = atom("WM_DELETE_WINDOW");
+    event.data.data32[1] = XCB_CURRENT_TIME;
+    xcb_send_event(c, 0, window, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&event));
+    xcb_flush(c);
+    xcb_disconnect(c);
+}
+
+// The tray idling, then one explanation asked for over the control bus (no capture involved) and its
+// card closed: memory is read a few seconds after each, once the app has settled.
+void measureFootprint(const QStringList& command, const QStringList& environment, const QString& emptyPath,
+                      int runs)
+{
+    Footprint idle, afterCard;
+    for (int run = 0; run < runs; ++run) {
+        Application app(command, environment, emptyPath);
+        if (app.trayReadyMs() < 0) {
+            std::puts("bench_app: the tray icon never appeared");
+            return;
+        }
+        spinFor(3000);
+        idle.sample(app.pid());
+        QProcess explain;
+        explain.setStandardOutputFile(QProcess::nullDevice());
+        explain.start(velnoraBinary(),
+                      {QStringLiteral("--explain-selection"), QStringLiteral("解释一下内存占用")});
+        explain.waitForFinished(10000);
+        std::optional<DesktopProbe::Window> card;
+        spinUntil([&] { return (card = DesktopProbe::shownWindow(app.pid(), 200, 100)).has_value(); }, 10000);
+        spinFor(60 * 20 + 1500); // the answer streams to its end
+        if (!card) {
+            std::puts("bench_app: no card appeared");
+            return;
+        }
+        askWindowToClose(*card);
+        spinUntil([&] { return !DesktopProbe::shownWindow(app.pid(), 200, 100).has_value(); }, 5000);
+        spinFor(3000);
+        afterCard.sample(app.pid());
+    }
+    std::printf("bench_app: footprint, %d runs (median)\n", runs);
+    idle.print("tray idle");
+    afterCard.print("one explanation, card closed");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -140,6 +217,7 @@ int main(int argc, char** argv)
     int runs = 5;
     int idleSeconds = 60;
     const QStringList arguments = QCoreApplication::arguments();
+    const bool footprintOnly = arguments.contains(QStringLiteral("--footprint-only"));
     for (qsizetype i = 1; i + 1 < arguments.size(); ++i) {
         if (arguments.at(i) == u"--runs") {
             runs = std::max(1, arguments.at(i + 1).toInt());
@@ -193,7 +271,7 @@ int main(int argc, char** argv)
     // Resident, proportional (shared pages divided among their users) and anonymous memory.
     long idleResident = -1, idleProportional = -1, idleAnonymous = -1;
     double idleCpu = -1;
-    for (int run = 0; run < runs; ++run) {
+    for (int run = 0; run < runs && !footprintOnly; ++run) {
         {
             Application app(command, environment, emptyPath.path());
             start.push_back(app.trayReadyMs());
@@ -224,10 +302,14 @@ int main(int argc, char** argv)
             viaPrimary.push_back(hotKeyToCardMs(app.pid()));
         }
     }
+    measureFootprint(command, environment, emptyPath.path(), runs);
     KeychainStore().saveAPIKey(QString(), QStringLiteral("doubao"));
     trayHost.terminate();
     trayHost.waitForFinished(3000);
 
+    if (footprintOnly) {
+        return 0;
+    }
     std::printf("bench_app: %d runs (median)\n", runs);
     std::printf("  start to tray icon ready        %8.1f ms\n", bench::percentile(start, 0.5));
     std::printf("  hot key to card shown, AT-SPI   %8.1f ms\n", bench::percentile(viaAccessibility, 0.5));

@@ -1,31 +1,42 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, running and testing velnora need. Idempotent: when
-# everything is present it only checks and returns.
+# install-deps.sh [GROUP...]: installs the Debian packages of the named groups (default: all of them).
+#   build  compiling the app and making its package
+#   run    starting it on a desktop (Qt's X11 plugin, a Chinese font, the secret store, AT-SPI)
+#   test   the private desktop session, the browser, the package checks
+# Idempotent: when everything is present it only checks and returns.
 set -euo pipefail
 
 build_packages=(
-  cmake ninja-build g++ pkg-config ccache
-  qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libqt6svg6-dev
+  cmake ninja-build g++ pkg-config ccache git
+  qt6-base-dev qt6-base-dev-tools libqt6svg6-dev
   libsecret-1-dev libatspi2.0-dev libglib2.0-dev
   libx11-dev libxtst-dev libxi-dev libxfixes-dev
   libxcb1-dev libxcb-keysyms1-dev libxcb-xinput-dev libxcb-xtest0-dev libxcb-xfixes0-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  librsvg2-bin qt6-translations-l10n
+  librsvg2-bin dpkg-dev
 )
-session_packages=(
-  xvfb xauth dbus dbus-x11 at-spi2-core gnome-keyring gcr libsecret-tools
-  xdotool xclip x11-utils imagemagick fonts-wqy-microhei fonts-noto-cjk trayer
+run_packages=(
+  qt6-qpa-plugins qt6-translations-l10n fonts-noto-cjk gnome-keyring gcr at-spi2-core
+)
+test_packages=(
+  libgtest-dev libgmock-dev libbenchmark-dev
+  xvfb xauth dbus dbus-x11 libsecret-tools
+  xdotool xclip x11-utils imagemagick fonts-wqy-microhei trayer
   chromium nodejs npm
   openssl
-  lintian desktop-file-utils
+  lintian desktop-file-utils appstream man-db
 )
 
-wanted=("${build_packages[@]}")
-case "${1:-all}" in
-  build) ;;
-  all) wanted+=("${session_packages[@]}") ;;
-  *) echo "usage: $0 [build|all]" >&2; exit 2 ;;
-esac
+groups=("$@")
+[ ${#groups[@]} -gt 0 ] || groups=(build run test)
+wanted=()
+for group in "${groups[@]}"; do
+  case "$group" in
+    build) wanted+=("${build_packages[@]}") ;;
+    run) wanted+=("${run_packages[@]}") ;;
+    test) wanted+=("${test_packages[@]}") ;;
+    *) echo "usage: $0 [build] [run] [test]" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for package in "${wanted[@]}"; do
@@ -43,9 +54,9 @@ fi
 
 sudo=()
 if [ "$(id -u)" -ne 0 ]; then
-  command -v sudo >/dev/null || { echo "install-deps: need root or sudo to install: ${missing[*]}" >&2; exit 1; }
+  command -v sudo >/dev/null || { echo "install-deps: 需要 root 或 sudo 才能安装：${missing[*]}" >&2; exit 1; }
   sudo=(sudo)
 fi
-echo "install-deps: installing ${missing[*]}"
+echo "install-deps: 正在安装 ${missing[*]}"
 "${sudo[@]}" apt-get update -qq
-DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq "${missing[@]}"
+DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq -o DPkg::Lock::Timeout=900 "${missing[@]}"

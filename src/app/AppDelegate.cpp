@@ -20,17 +20,19 @@
 #include "flow/ExplanationCoordinator.h"
 #include "llm/LLMClient.h"
 #include "llm/ProviderFailure.h"
+#include "overlay/ExplanationPanel.h"
 #include "overlay/OverlayPanelController.h"
 #include "updates/ProductUpdates.h"
 
 #include <QApplication>
 #include <QCursor>
 #include <QDBusConnection>
-#include <QFont>
 #include <QIcon>
 #include <QPainter>
+#include <QPainterPath>
 #include <QPixmap>
 #include <QSystemTrayIcon>
+#include <malloc.h>
 
 namespace velnora {
 
@@ -38,28 +40,45 @@ namespace {
 
 constexpr double shortFeedback = 1.4;
 
-// The tray's picture: the theme's icon when installed, else the product's first character.
+// The tray's picture: the theme's icon when installed, else the packaged icon's mirror over two waves,
+// drawn on its 256-unit grid. No glyph: a character would map a whole CJK font file for the icon.
 QIcon trayIcon()
 {
     QIcon themed = QIcon::fromTheme(QStringLiteral("velnora"));
     if (!themed.isNull()) {
         return themed;
     }
+    const QColor deep(0x15, 0x5d, 0x6b);
     QIcon drawn;
     for (const int size : {16, 22, 24, 32, 48, 64}) {
         QPixmap pixmap(size, size);
         pixmap.fill(Qt::transparent);
         QPainter painter(&pixmap);
         painter.setRenderHint(QPainter::Antialiasing);
+        painter.scale(size / 256.0, size / 256.0);
         painter.setPen(Qt::NoPen);
         painter.setBrush(QColor(0x1f, 0x7a, 0x8c));
-        painter.drawRoundedRect(QRectF(0.5, 0.5, size - 1, size - 1), size * 0.22, size * 0.22);
-        QFont font = QApplication::font();
-        font.setPixelSize(int(size * 0.7));
-        font.setBold(true);
-        painter.setFont(font);
-        painter.setPen(Qt::white);
-        painter.drawText(QRect(0, 0, size, size), Qt::AlignCenter, QStringLiteral("澜"));
+        painter.drawRoundedRect(QRectF(8, 8, 240, 240), 54, 54);
+        painter.setBrush(deep);
+        painter.drawEllipse(QPointF(128, 112), 78, 78);
+        painter.setBrush(QColor(0xe8, 0xf6, 0xf8));
+        painter.drawEllipse(QPointF(128, 112), 70, 70);
+        QPainterPath glass;
+        glass.addEllipse(QPointF(128, 112), 70, 70);
+        painter.setClipPath(glass);
+        for (const auto& [y, colour] :
+             {std::pair{122.0, QColor(0x1f, 0x7a, 0x8c)}, {152.0, QColor(0x2a, 0x93, 0xa6)}}) {
+            QPainterPath wave(QPointF(44, y));
+            for (int crest = 0; crest < 4; ++crest) {
+                const double x = 44 + crest * 42;
+                wave.quadTo(x + 21, y + (crest % 2 == 0 ? -18 : 18), x + 42, y);
+            }
+            painter.strokePath(wave, QPen(colour, 11, Qt::SolidLine, Qt::RoundCap));
+        }
+        painter.setClipping(false);
+        painter.setBrush(deep);
+        painter.drawPolygon(
+            QPolygonF({QPointF(104, 192), QPointF(152, 192), QPointF(144, 214), QPointF(112, 214)}));
         painter.end();
         drawn.addPixmap(pixmap);
     }
@@ -127,13 +146,7 @@ void AppDelegate::applicationDidFinishLaunching(const ProcessArguments& argument
     QApplication::setQuitOnLastWindowClosed(false);
     // 2. The explain service is the control bus's ExplainSelection.
     connect(m_control, &ControlService::explainRequested, this, &AppDelegate::explainRequested);
-    // 3. Updates: checked on demand only.
-    m_updates = new ProductUpdates(this);
-    connect(m_updates, &ProductUpdates::applicationCheckingChanged, this, [this](bool checking) {
-        if (m_statusMenu) {
-            m_statusMenu->updatesItem()->setEnabled(!checking);
-        }
-    });
+    // 3. Updates: checked on demand only, see updates().
     // 4.
     buildStatusMenu();
     // 5.
@@ -254,8 +267,25 @@ ExplanationCoordinator* AppDelegate::explanationCoordinator()
             new ExplanationCoordinator(*m_configuration, m_keychain, *m_client, *m_overlay);
         connect(m_explanationCoordinator, &ExplanationCoordinator::fixConfigurationRequested, this,
                 [this](ProviderField field) { openSettings({}, Tone::warning, field); });
+        // After the closing has run its course, not inside it.
+        connect(m_overlay->panel(), &ExplanationPanel::closed, this,
+                [this] { QTimer::singleShot(0, this, &AppDelegate::releaseClosedCard); });
     }
     return m_explanationCoordinator;
+}
+
+void AppDelegate::releaseClosedCard()
+{
+    if (!m_overlay || m_overlay->panel()->isVisible()) {
+        return; // shown again in the meantime
+    }
+    // A closed card's conversation is over: its windows, the client and the TLS state go, and the heap
+    // they used goes back to the system instead of staying with an idle tray icon.
+    delete m_explanationCoordinator;
+    m_explanationCoordinator = nullptr;
+    m_overlay.reset();
+    m_client.reset();
+    malloc_trim(0);
 }
 
 void AppDelegate::route(const SelectionResult& selection)
@@ -508,10 +538,24 @@ void AppDelegate::openSettings(const QString& message, Tone tone, std::optional<
     m_settingsController->present(message, tone, field);
 }
 
+ProductUpdates* AppDelegate::updates()
+{
+    // The network stack is loaded only when the user asks about updates.
+    if (!m_updates) {
+        m_updates = new ProductUpdates(this);
+        connect(m_updates, &ProductUpdates::applicationCheckingChanged, this, [this](bool checking) {
+            if (m_statusMenu) {
+                m_statusMenu->updatesItem()->setEnabled(!checking);
+            }
+        });
+    }
+    return m_updates;
+}
+
 void AppDelegate::showAbout()
 {
     if (!m_aboutWindow) {
-        m_aboutWindow = new AboutWindow(m_updates);
+        m_aboutWindow = new AboutWindow(updates());
     }
     m_aboutWindow->present();
 }
@@ -519,8 +563,8 @@ void AppDelegate::showAbout()
 void AppDelegate::checkForUpdates()
 {
     showAbout();
-    if (!m_updates->isCheckingApplication()) {
-        m_updates->checkApplication();
+    if (!updates()->isCheckingApplication()) {
+        updates()->checkApplication();
     }
 }
 

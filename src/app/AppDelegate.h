@@ -95,7 +95,7 @@ public:
     QSystemTrayIcon* statusItem() const { return m_statusItem; }
     FeedbackPresenter* feedback() const { return m_feedback; }
     SettingsWindow* settingsWindow() const { return m_settingsController; }
-    ExplanationCoordinator* explanationCoordinator(); // created on first use
+    ExplanationCoordinator* explanationCoordinator(); // created on first use, released when the card closes
     OverlayPanelController* overlay() const { return m_overlay.get(); }
     bool isAccessibilityMonitorRunning() const { return m_accessibilityMonitorTimer.isActive(); }
     bool isHotKeyRegistered() const { return m_hotKeyRegistered; }
@@ -114,6 +114,8 @@ private:
     void ensureChromeRuns();
     void routeToBrowser(const SelectionResult& selection);
     void routeToCard(const SelectionResult& selection);
+    ProductUpdates* updates(); // created on first use
+    void releaseClosedCard();
     void showAbout();
     void checkForUpdates();
 

@@ -45,6 +45,27 @@ Asset decodeAsset(const QJsonValue& value, const QString& name)
     return asset;
 }
 
+// Keyed by Debian architecture. A manifest from before the keys names one package with no
+// architecture: the amd64 one, the only one there was.
+std::map<QString, Asset> decodeLinuxAssets(const QJsonValue& value)
+{
+    if (value.isUndefined() || value.isNull()) {
+        return {};
+    }
+    if (!value.isObject()) {
+        malformed(QStringLiteral("linux 不是对象"));
+    }
+    const QJsonObject object = value.toObject();
+    if (object.contains(QLatin1String("version"))) {
+        return {{QStringLiteral("amd64"), decodeAsset(value, QStringLiteral("linux"))}};
+    }
+    std::map<QString, Asset> assets;
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        assets.emplace(it.key(), decodeAsset(it.value(), QStringLiteral("linux.") + it.key()));
+    }
+    return assets;
+}
+
 qsizetype digitRunEnd(const QString& text, qsizetype from)
 {
     while (from < text.size() && text.at(from).isDigit()) {
@@ -78,6 +99,17 @@ QString build()
     return QStringLiteral(VELNORA_BUILD_NUMBER);
 }
 
+QString architecture()
+{
+    return QStringLiteral(VELNORA_DEBIAN_ARCHITECTURE);
+}
+
+std::optional<Asset> linuxAsset(const Manifest& manifest, const QString& architecture)
+{
+    const auto found = manifest.linuxAssets.find(architecture);
+    return found == manifest.linuxAssets.end() ? std::nullopt : std::optional<Asset>(found->second);
+}
+
 bool isAllowedDownloadPath(const QString& path)
 {
     if (!path.startsWith(QLatin1String("/downloads/"))) {
@@ -107,10 +139,7 @@ Manifest decode(const QByteArray& data)
     manifest.macos = decodeAsset(root.value(QLatin1String("macos")), QStringLiteral("macos"));
     manifest.chrome = decodeAsset(root.value(QLatin1String("chrome")), QStringLiteral("chrome"));
     manifest.minimumExtensionVersion = requiredString(root, "minimumExtensionVersion", {});
-    const QJsonValue linuxValue = root.value(QLatin1String("linux"));
-    if (!linuxValue.isUndefined() && !linuxValue.isNull()) {
-        manifest.linuxAsset = decodeAsset(linuxValue, QStringLiteral("linux"));
-    }
+    manifest.linuxAssets = decodeLinuxAssets(root.value(QLatin1String("linux")));
 
     if (manifest.edition != QLatin1String(editionName)) {
         refuse(QStringLiteral("版本类型不符：") + manifest.edition);
@@ -125,8 +154,10 @@ Manifest decode(const QByteArray& data)
     if (!isAllowedDownloadPath(manifest.chrome.url)) {
         refuse(QStringLiteral("chrome 下载地址不被接受：") + manifest.chrome.url);
     }
-    if (manifest.linuxAsset && !isAllowedDownloadPath(manifest.linuxAsset->url)) {
-        refuse(QStringLiteral("linux 下载地址不被接受：") + manifest.linuxAsset->url);
+    for (const auto& [architecture, asset] : manifest.linuxAssets) {
+        if (!isAllowedDownloadPath(asset.url)) {
+            refuse(QStringLiteral("linux.%1 下载地址不被接受：%2").arg(architecture, asset.url));
+        }
     }
     return manifest;
 }

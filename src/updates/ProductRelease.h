@@ -4,6 +4,7 @@
 #include <QString>
 #include <QUrl>
 #include <exception>
+#include <map>
 #include <optional>
 
 namespace velnora {
@@ -52,13 +53,18 @@ struct Manifest
     Asset macos;
     Asset chrome;
     QString minimumExtensionVersion;
-    // The Linux build under the key "linux", when the site offers one; without it the running build
-    // counts as current.
-    std::optional<Asset> linuxAsset;
+    // The Linux packages under "linux", one per Debian architecture ("amd64", "arm64", "loong64"…).
+    // Where none is offered for this machine the running build counts as current.
+    std::map<QString, Asset> linuxAssets;
     friend bool operator==(const Manifest&, const Manifest&) = default;
 };
 
 inline constexpr const char* editionName = "domestic";
+// The Debian architecture this build was made for ("amd64").
+QString architecture();
+// The package the manifest offers for `architecture`, if any.
+std::optional<Asset> linuxAsset(const Manifest& manifest,
+                                const QString& architecture = ProductRelease::architecture());
 
 // Decodes and validates a manifest; throws ReleaseError (decodingFailed or cannotParseResponse).
 Manifest decode(const QByteArray& data);

@@ -188,14 +188,14 @@ void ProductUpdates::finishApplicationCheck(const Outcome& outcome)
     Q_EMIT applicationCheckingChanged(false);
     m_downloadURL.reset();
     const auto* manifest = std::get_if<ProductRelease::Manifest>(&outcome);
+    const std::optional<ProductRelease::Asset> package =
+        manifest ? ProductRelease::linuxAsset(*manifest) : std::nullopt;
     if (!manifest) {
         m_applicationStatus = failureStatus();
-    } else if (manifest->linuxAsset &&
-               ProductRelease::isNewer(manifest->linuxAsset->version, ProductRelease::version())) {
-        m_downloadURL = m_website.resolved(QUrl(manifest->linuxAsset->url));
-        m_applicationStatus = QStringLiteral("发现新版本 ") + manifest->linuxAsset->version +
-                              QStringLiteral("（当前 ") + ProductRelease::version() +
-                              QStringLiteral("），可前往官网下载安装。");
+    } else if (package && ProductRelease::isNewer(package->version, ProductRelease::version())) {
+        m_downloadURL = m_website.resolved(QUrl(package->url));
+        m_applicationStatus = QStringLiteral("发现新版本 ") + package->version + QStringLiteral("（当前 ") +
+                              ProductRelease::version() + QStringLiteral("），可前往官网下载安装。");
     } else {
         m_applicationStatus =
             QStringLiteral("澜镜 ") + ProductRelease::version() + QStringLiteral(" 已是最新版本。");

@@ -459,7 +459,9 @@ TEST_F(WindowsTest, TheAboutWindowOffersTheDownloadOnlyForANewerBuild)
     window.present();
     EXPECT_FALSE(window.downloadButton()->isVisibleTo(&window));
 
-    server.setFallback(manifest(R"("linux": {"version": "99.1.0", "url": "/downloads/velnora.deb"},)"));
+    server.setFallback(
+        manifest(QStringLiteral(R"("linux": {"%1": {"version": "99.1.0", "url": "/downloads/velnora.deb"}},)")
+                     .arg(ProductRelease::architecture())));
     ASSERT_TRUE(check(window.checkApplicationButton()));
     EXPECT_TRUE(window.downloadButton()->isVisibleTo(&window));
     EXPECT_TRUE(window.applicationStatusLabel()->text().startsWith("发现新版本 99.1.0"));

@@ -25,17 +25,29 @@ const QString notReported =
     "最新扩展 2.11.1。尚未收到扩展版本信息，请启动 Chrome；旧扩展可按指引更新后重试。";
 const QString howToUpdate = "商店安装由 Chrome 更新；手动加载请按更新指引替换并重新加载。";
 
+// A Debian architecture this build is not made for.
+QByteArray otherArchitecture()
+{
+    return ProductRelease::architecture() == u"arm64" ? "amd64" : "arm64";
+}
+
+const QByteArray linuxPackages = R"({"ARCH":{"version":"2.10.0","url":"/downloads/velnora.deb"},)"
+                                 R"("OTHER":{"version":"2.10.0","url":"/downloads/velnora-other.deb"}})";
+
 // A valid manifest of this edition with `from` replaced by `to`. "2.11.0" appears only as the
-// minimum extension version, "2.10.0" only as the Linux build's.
+// minimum extension version, "2.10.0" only as the Linux build's for this machine ("ARCH").
 QByteArray manifest(const QByteArray& from = {}, const QByteArray& to = {})
 {
     QByteArray text = R"({"edition":"domestic","minimumExtensionVersion":"2.11.0",
         "macos":{"version":"2.9.0","url":"/downloads/app.dmg"},
         "chrome":{"version":"2.11.1","url":"/downloads/ext.zip","extensionID":"ID"},
-        "linux":{"version":"2.10.0","url":"/downloads/velnora.deb"}})";
+        "linux":)" + linuxPackages +
+                      "}";
     if (!from.isEmpty()) {
         text.replace(from, to);
     }
+    text.replace("\"ARCH\"", '"' + ProductRelease::architecture().toLatin1() + '"');
+    text.replace("\"OTHER\"", '"' + otherArchitecture() + '"');
     return text.replace("\"ID\"", '"' + ExplainerConstants::extensionIdentifier().toLatin1() + '"');
 }
 
@@ -59,6 +71,8 @@ TEST(ProductReleaseDecode, RefusesForeignManifestsEscapingPathsAndBadShapes)
         {"/downloads/velnora.deb", "/downloads/a/..", Kind::cannotParseResponse},
         {"/downloads/app.dmg", "//evil.example/downloads/a", Kind::cannotParseResponse},
         {"/downloads/velnora.deb", "", Kind::cannotParseResponse},
+        {"/downloads/velnora-other.deb", "/downloads/../x.deb", Kind::cannotParseResponse},
+        {R"("ARCH":{"version")", R"("ARCH":{"versio")", Kind::decodingFailed},
         {"\"macos\"", "\"mac\"", Kind::decodingFailed},
         {"\"2.11.1\"", "2", Kind::decodingFailed},
         {"{", "[", Kind::decodingFailed},
@@ -206,19 +220,38 @@ TEST_F(ExtensionCheck, FollowsARedirectOnTheSiteButNotToAnotherHost)
     EXPECT_EQ(server.requests().last().target, "/moved/release.json");
 }
 
-TEST_F(ExtensionCheck, ApplicationCheckOffersOnlyANewerLinuxBuild)
+TEST_F(ExtensionCheck, ApplicationCheckOffersOnlyANewerPackageForThisArchitecture)
 {
-    const auto runApplicationCheck = [this](const QString& linuxVersion) {
-        serveManifest(manifest("2.10.0", linuxVersion.toLatin1()));
-        updates.checkApplication();
-        EXPECT_TRUE(waitUntil([this] { return !updates.isCheckingApplication(); }));
-        return updates.applicationStatus();
-    };
     const QString current = ProductRelease::version();
-    EXPECT_EQ(runApplicationCheck(current), "澜镜 " + current + " 已是最新版本。");
-    EXPECT_FALSE(updates.downloadURL().has_value());
-
-    EXPECT_EQ(runApplicationCheck("99.0.0"),
-              "发现新版本 99.0.0（当前 " + current + "），可前往官网下载安装。");
-    EXPECT_EQ(updates.downloadURL(), server.url("/downloads/velnora.deb"));
+    const QString upToDate = "澜镜 " + current + " 已是最新版本。";
+    const QString offered = "发现新版本 99.0.0（当前 " + current + "），可前往官网下载安装。";
+    const bool amd64 = ProductRelease::architecture() == u"amd64";
+    const QByteArray thisEntry = R"("ARCH":{"version":"2.10.0","url":"/downloads/velnora.deb"})";
+    const struct
+    {
+        const char* name;
+        QByteArray from, to;
+        QString status;
+        std::optional<QString> download;
+    } cases[] = {
+        {"the same version", "2.10.0\",\"url\":\"/downloads/velnora.deb",
+         current.toLatin1() + "\",\"url\":\"/downloads/velnora.deb", upToDate, std::nullopt},
+        {"a newer one", "2.10.0\",\"url\":\"/downloads/velnora.deb",
+         "99.0.0\",\"url\":\"/downloads/velnora.deb", offered, "/downloads/velnora.deb"},
+        {"only another architecture's newer", "2.10.0\",\"url\":\"/downloads/velnora-other",
+         "99.0.0\",\"url\":\"/downloads/velnora-other", upToDate, std::nullopt},
+        {"none for this architecture", thisEntry + ",", "", upToDate, std::nullopt},
+        {"a manifest from before the keys (amd64)", linuxPackages,
+         R"({"version":"99.0.0","url":"/downloads/velnora.deb"})", amd64 ? offered : upToDate,
+         amd64 ? std::optional<QString>("/downloads/velnora.deb") : std::nullopt},
+    };
+    for (const auto& c : cases) {
+        serveManifest(manifest(c.from, c.to));
+        updates.checkApplication();
+        EXPECT_TRUE(waitUntil([this] { return !updates.isCheckingApplication(); })) << c.name;
+        EXPECT_EQ(updates.applicationStatus(), c.status) << c.name;
+        EXPECT_EQ(updates.downloadURL(),
+                  c.download ? std::optional<QUrl>(server.url(*c.download)) : std::nullopt)
+            << c.name;
+    }
 }
