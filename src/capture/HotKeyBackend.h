@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QtCore/qnamespace.h>
-
 #include <functional>
 
 namespace velnora {

@@ -3,7 +3,7 @@
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QFileInfo>
-
+#include <algorithm>
 #include <atspi/atspi.h>
 
 namespace velnora {
@@ -245,7 +245,8 @@ public:
             return std::nullopt;
         }
         GError* error = nullptr;
-        AtspiRect* rect = atspi_text_get_range_extents(m_text, m_start, m_end, ATSPI_COORD_TYPE_SCREEN, &error);
+        AtspiRect* rect =
+            atspi_text_get_range_extents(m_text, m_start, m_end, ATSPI_COORD_TYPE_SCREEN, &error);
         clear(error);
         if (!rect) {
             return std::nullopt;
@@ -280,8 +281,7 @@ private:
 
 AtspiAccessibilityProbe::AtspiAccessibilityProbe(std::function<std::optional<qint64>()> focusedProcess)
     : m_focusedProcess(std::move(focusedProcess))
-{
-}
+{}
 
 bool AtspiAccessibilityProbe::isAvailable()
 {
@@ -289,7 +289,8 @@ bool AtspiAccessibilityProbe::isAvailable()
         // Without a session bus libdbus would autolaunch a stray one.
         const QByteArray runtime = qgetenv("XDG_RUNTIME_DIR");
         if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS") &&
-            (runtime.isEmpty() || !QFileInfo::exists(QString::fromLocal8Bit(runtime) + QStringLiteral("/bus")))) {
+            (runtime.isEmpty() ||
+             !QFileInfo::exists(QString::fromLocal8Bit(runtime) + QStringLiteral("/bus")))) {
             return false;
         }
         // 2 means no accessibility bus; any later libatspi call would then abort the process.
@@ -349,6 +350,18 @@ AtspiAccessibilityProbe::focusedElements(std::optional<qint64> preferredProcess,
         add(focusedInProcess(*focused));
     }
     return elements;
+}
+
+bool AtspiAccessibilityProbe::focusedApplicationIsAccessible()
+{
+    const std::optional<qint64> focused = m_focusedProcess ? m_focusedProcess() : std::nullopt;
+    if (!focused || !isAvailable()) {
+        return false;
+    }
+    atspi_set_timeout(int(defaultCallTimeout.count()), int(defaultCallTimeout.count()));
+    const std::vector<Application> apps = applications();
+    return std::any_of(apps.cbegin(), apps.cend(),
+                       [&](const Application& app) { return app.processId == focused; });
 }
 
 } // namespace velnora

@@ -4,11 +4,9 @@
 #include <QDeadlineTimer>
 #include <QHash>
 #include <QObject>
-
 #include <functional>
 #include <memory>
 #include <optional>
-
 #include <xcb/xcb.h>
 
 class QSocketNotifier;
