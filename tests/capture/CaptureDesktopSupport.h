@@ -29,6 +29,11 @@ public:
     // Every line printed since the last call.
     QStringList printedLines();
     bool finished(int timeoutMs);
+    // Ended by returning from main with status 0, not by a signal.
+    bool exitedCleanly() const
+    {
+        return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
+    }
     qint64 processId() const { return m_process.processId(); }
 
 protected:

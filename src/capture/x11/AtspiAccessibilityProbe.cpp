@@ -1,8 +1,9 @@
 #include "capture/x11/AtspiAccessibilityProbe.h"
 
+#include "config/SessionBus.h"
+
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QFileInfo>
 #include <algorithm>
 #include <atspi/atspi.h>
 
@@ -286,11 +287,7 @@ AtspiAccessibilityProbe::AtspiAccessibilityProbe(std::function<std::optional<qin
 bool AtspiAccessibilityProbe::isAvailable()
 {
     static const bool available = [] {
-        // Without a session bus libdbus would autolaunch a stray one.
-        const QByteArray runtime = qgetenv("XDG_RUNTIME_DIR");
-        if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS") &&
-            (runtime.isEmpty() ||
-             !QFileInfo::exists(QString::fromLocal8Bit(runtime) + QStringLiteral("/bus")))) {
+        if (!SessionBus::isConfigured()) {
             return false;
         }
         // 2 means no accessibility bus; any later libatspi call would then abort the process.

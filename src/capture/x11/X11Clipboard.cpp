@@ -16,7 +16,8 @@ namespace {
 constexpr auto textReadTimeout = 1000ms;
 // Owners like GTK encode a large image anew for every format asked; measured about 0.5 s for 1 MB.
 constexpr auto snapshotTimeout = 3000ms;
-constexpr auto handOffTimeout = 3000ms;
+// Some managers (xfce4-clipman) keep a copy of their own and never answer: quitting must not hang on them.
+constexpr auto handOffTimeout = 2000ms;
 constexpr qsizetype snapshotByteLimit = 64 * 1024 * 1024;
 
 // Protocol targets that describe the selection rather than hold content; saving them would
