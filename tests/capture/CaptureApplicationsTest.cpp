@@ -134,6 +134,46 @@ TEST(CaptureApplicationsTest, HeldHotKeyCopiesFromATkEntryWithoutTypingIntoItAnd
     }
 }
 
+// xterm copies on Ctrl+Shift+C once bound so, as terminals do; Ctrl+C would interrupt its shell instead.
+TEST(CaptureApplicationsTest, HeldHotKeyCopiesFromXtermWithItsCopyKey)
+{
+    BackgroundTool xterm(QStringLiteral("xterm"),
+                         {"-geometry", "60x4+200+150", "-fn", "fixed", "-xrm",
+                          "XTerm*VT100.translations: #override Shift Ctrl <Key>C: copy-selection(CLIPBOARD)",
+                          "-e", "sh", "-c", "printf 'terminal words'; exec sleep 600"});
+    QByteArray window;
+    ASSERT_TRUE(spinUntil(
+        [&] {
+            window =
+                runTool(QStringLiteral("xdotool"), {"search", "--pid", QString::number(xterm.processId())})
+                    .value_or("")
+                    .trimmed();
+            return !window.isEmpty();
+        },
+        10000));
+    spinFor(300); // the shell's text drawn
+    // A double click selects the first word; then another client takes PRIMARY, as selecting elsewhere would.
+    ASSERT_TRUE(
+        runTool(QStringLiteral("xdotool"),
+                {"windowfocus", "--sync", QString::fromLatin1(window), "mousemove", "--window",
+                 QString::fromLatin1(window), "12", "8", "click", "--repeat", "2", "--delay", "80", "1"}));
+    ASSERT_TRUE(spinUntil(
+        [] {
+            return runTool(QStringLiteral("xclip"), {"-o", "-selection", "primary"}) == "terminal";
+        },
+        3000));
+    BackgroundTool blank(QStringLiteral("xclip"), {"-quiet", "-selection", "primary"}, " ");
+    ASSERT_TRUE(spinUntil(
+        [] {
+            return runTool(QStringLiteral("xclip"), {"-o", "-selection", "primary"}) == " ";
+        },
+        3000));
+
+    HotKeyRead read;
+    EXPECT_EQ(read.pressAndHold(300), QStringLiteral("terminal"));
+    EXPECT_FALSE(xterm.finished(300)) << "the shell was interrupted";
+}
+
 // GTK sends formats this large in INCR chunks, and so do we when serving them back.
 TEST(CaptureApplicationsTest, LargeGtkClipboardComesBackByteForByteAfterACopy)
 {
