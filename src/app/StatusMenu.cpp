@@ -87,7 +87,6 @@ void StatusMenu::setExplainItem(const ExplainItem& item)
 {
     m_explain->setText(item.title);
     m_explain->setEnabled(item.enabled);
-    m_explainSource = item.source;
 }
 
 void StatusMenu::setCurrentMode(ExecutionMode mode)

@@ -61,7 +61,6 @@ public:
     QAction* updatesItem() const { return m_updates; }
     QAction* launchAtLoginItem() const { return m_launchAtLogin; }
     QAction* quitItem() const { return m_quit; }
-    std::optional<ExplainSource> explainSource() const { return m_explainSource; }
 
 private:
     QAction* m_explain = nullptr;
@@ -76,7 +75,6 @@ private:
     QAction* m_updates = nullptr;
     QAction* m_launchAtLogin = nullptr;
     QAction* m_quit = nullptr;
-    std::optional<ExplainSource> m_explainSource;
     QString m_currentHotKey;
     bool m_hotKeyConflict = false;
 

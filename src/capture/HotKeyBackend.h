@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QtCore/qnamespace.h>
+
 #include <functional>
 
 namespace velnora {

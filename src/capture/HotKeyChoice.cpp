@@ -5,10 +5,8 @@ namespace velnora {
 const std::vector<HotKeyChoice>& HotKeyChoice::all()
 {
     static const std::vector<HotKeyChoice> choices{
-        {QStringLiteral("option-command-e"), QStringLiteral("Ctrl+Alt+E"),
-         Qt::ControlModifier | Qt::AltModifier},
-        {QStringLiteral("control-option-e"), QStringLiteral("Super+Alt+E"),
-         Qt::MetaModifier | Qt::AltModifier},
+        {QStringLiteral("option-command-e"), QStringLiteral("Ctrl+Alt+E"), Qt::ControlModifier | Qt::AltModifier},
+        {QStringLiteral("control-option-e"), QStringLiteral("Super+Alt+E"), Qt::MetaModifier | Qt::AltModifier},
         {QStringLiteral("control-command-e"), QStringLiteral("Ctrl+Super+E"),
          Qt::ControlModifier | Qt::MetaModifier},
     };

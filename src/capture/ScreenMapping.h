@@ -2,6 +2,7 @@
 
 #include <QRect>
 #include <QRectF>
+
 #include <optional>
 #include <vector>
 

@@ -2,6 +2,7 @@
 
 #include <QRectF>
 #include <QString>
+
 #include <optional>
 
 namespace velnora {

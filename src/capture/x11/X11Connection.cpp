@@ -4,16 +4,20 @@
 #include <QEventLoop>
 #include <QSocketNotifier>
 #include <QTimer>
+
 #include <cstdlib>
+
 #include <xcb/xcb_keysyms.h>
 
 namespace velnora {
 
 namespace {
 
-template <typename T> using Reply = std::unique_ptr<T, decltype(&std::free)>;
+template <typename T>
+using Reply = std::unique_ptr<T, decltype(&std::free)>;
 
-template <typename T> Reply<T> reply(T* raw)
+template <typename T>
+Reply<T> reply(T* raw)
 {
     return Reply<T>(raw, &std::free);
 }
@@ -83,8 +87,7 @@ QByteArray X11Connection::atomName(xcb_atom_t atom)
             return it.key();
         }
     }
-    auto answer =
-        reply(xcb_get_atom_name_reply(m_connection, xcb_get_atom_name(m_connection, atom), nullptr));
+    auto answer = reply(xcb_get_atom_name_reply(m_connection, xcb_get_atom_name(m_connection, atom), nullptr));
     if (!answer) {
         return {};
     }
@@ -160,8 +163,7 @@ xcb_keycode_t X11Connection::keycodeFor(xcb_keysym_t keysym)
 
 std::uint16_t X11Connection::modifierMaskFor(xcb_keysym_t keysym, std::uint16_t fallback)
 {
-    auto map =
-        reply(xcb_get_modifier_mapping_reply(m_connection, xcb_get_modifier_mapping(m_connection), nullptr));
+    auto map = reply(xcb_get_modifier_mapping_reply(m_connection, xcb_get_modifier_mapping(m_connection), nullptr));
     if (!map || !m_keySymbols) {
         return fallback;
     }
@@ -183,8 +185,7 @@ std::uint16_t X11Connection::modifierMaskFor(xcb_keysym_t keysym, std::uint16_t 
     return fallback;
 }
 
-std::optional<QByteArray> X11Connection::windowProperty(xcb_window_t window, xcb_atom_t property,
-                                                        xcb_atom_t type)
+std::optional<QByteArray> X11Connection::windowProperty(xcb_window_t window, xcb_atom_t property, xcb_atom_t type)
 {
     auto answer = reply(xcb_get_property_reply(
         m_connection, xcb_get_property(m_connection, 0, window, property, type, 0, 1024), nullptr));
@@ -205,8 +206,7 @@ X11Connection::FocusedWindow X11Connection::focusedWindow()
         window = *reinterpret_cast<const xcb_window_t*>(active->constData());
     }
     if (window == XCB_NONE) {
-        auto focus =
-            reply(xcb_get_input_focus_reply(m_connection, xcb_get_input_focus(m_connection), nullptr));
+        auto focus = reply(xcb_get_input_focus_reply(m_connection, xcb_get_input_focus(m_connection), nullptr));
         if (focus && focus->focus > XCB_INPUT_FOCUS_POINTER_ROOT) {
             window = focus->focus;
         }

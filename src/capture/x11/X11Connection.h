@@ -4,9 +4,11 @@
 #include <QDeadlineTimer>
 #include <QHash>
 #include <QObject>
+
 #include <functional>
 #include <memory>
 #include <optional>
+
 #include <xcb/xcb.h>
 
 class QSocketNotifier;
