@@ -141,16 +141,11 @@ TEST(CaptureApplicationsTest, HeldHotKeyCopiesFromXtermWithItsCopyKey)
                          {"-geometry", "60x4+200+150", "-fn", "fixed", "-xrm",
                           "XTerm*VT100.translations: #override Shift Ctrl <Key>C: copy-selection(CLIPBOARD)",
                           "-e", "sh", "-c", "printf 'terminal words'; exec sleep 600"});
-    QByteArray window;
-    ASSERT_TRUE(spinUntil(
-        [&] {
-            window =
-                runTool(QStringLiteral("xdotool"), {"search", "--pid", QString::number(xterm.processId())})
-                    .value_or("")
-                    .trimmed();
-            return !window.isEmpty();
-        },
-        10000));
+    const QByteArray window =
+        runTool(QStringLiteral("xdotool"), {"search", "--sync", "--pid", QString::number(xterm.processId())})
+            .value_or("")
+            .trimmed();
+    ASSERT_FALSE(window.isEmpty());
     spinFor(300); // the shell's text drawn
     // A double click selects the first word; then another client takes PRIMARY, as selecting elsewhere would.
     ASSERT_TRUE(
