@@ -146,6 +146,7 @@ void AppDelegate::applicationDidFinishLaunching(const ProcessArguments& argument
     // 8.
     trackActiveApplication();
     connect(m_control, &ControlService::notificationReceived, this, &AppDelegate::handleNotification);
+    // Quitting from the menu, by SIGTERM or by Ctrl+C goes through the same clean-up.
     connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::prepareToQuit);
     connect(new TerminationSignals(this), &TerminationSignals::received, qApp, &QCoreApplication::quit);
     // 9.
