@@ -15,7 +15,7 @@ build_packages=(
 session_packages=(
   xvfb xauth dbus dbus-x11 at-spi2-core gnome-keyring libsecret-tools
   xdotool xclip x11-utils imagemagick fonts-wqy-microhei fonts-noto-cjk trayer
-  python3-gi gir1.2-gtk-3.0 tk xterm xfce4-clipman
+  python3-gi gir1.2-gtk-3.0 tk xterm mate-settings-daemon
   chromium nodejs
   openssl
   lintian desktop-file-utils

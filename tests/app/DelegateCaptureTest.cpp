@@ -1,6 +1,6 @@
 // The delegate's side of capture in the private desktop session: the hot key's conflict shown in the
 // menu, the last active application, a second press during a read, and the application quitting on
-// SIGTERM with its key released and its clipboard handed to a real clipboard manager (xfce4-clipman).
+// SIGTERM with its key released and its clipboard handed to a real clipboard manager (MATE's).
 #include "CaptureDesktopSupport.h"
 #include "CaptureTestData.h"
 #include "app/AppDelegate.h"
@@ -36,7 +36,7 @@ protected:
         ConfigurationStore().setDidShowVersion2Setup(true);
         ConfigurationStore().settings().setValue(FirstRunHint::trayHintShownKey, true);
         // The tools, but no browser for a queued request to start.
-        for (const char* tool : {"xclip", "xdotool", "xprop", "wish", "xfce4-clipman"}) {
+        for (const char* tool : {"xclip", "xdotool", "xprop", "wish", "mate-settings-daemon"}) {
             const QString found = QStandardPaths::findExecutable(QString::fromLatin1(tool));
             QFile::link(found, m_noBrowser.filePath(QString::fromLatin1(tool)));
         }
@@ -128,17 +128,18 @@ TEST_F(DelegateCaptureTest, ASecondExplainDuringAReadSaysSoAndTheFirstReadGoesOn
 
 TEST_F(DelegateCaptureTest, SigtermQuitsReleasingTheKeyAndHandingTheClipboardToTheClipboardManager)
 {
-    if (QStandardPaths::findExecutable("xfce4-clipman").isEmpty()) {
-        GTEST_SKIP() << "needs xfce4-clipman (scripts/install-deps.sh)";
+    if (QStandardPaths::findExecutable("mate-settings-daemon").isEmpty()) {
+        GTEST_SKIP() << "needs mate-settings-daemon (scripts/install-deps.sh)";
     }
     std::optional<BackgroundTool> earlier(std::in_place, QStringLiteral("xclip"),
                                           QStringList{"-quiet", "-selection", "clipboard"},
                                           CaptureTestData::earlierText);
     ASSERT_TRUE(spinUntil([] { return clipboardText() == CaptureTestData::earlierText; }, 5000));
-    // xfce4-clipman copies each new clipboard as its owner changes, and asks no SAVE_TARGETS of us.
-    BackgroundTool manager(QStringLiteral("xfce4-clipman"), {});
     BackgroundTool app(velnoraBinary(), {});
     ASSERT_TRUE(spinUntil([] { return !keyIsFree(); }, 10000)) << "the application never took the key";
+    // MATE's clipboard manager keeps a clipboard only when its owner asks it to (SAVE_TARGETS).
+    BackgroundTool manager(QStringLiteral("mate-settings-daemon"), {});
+    spinFor(2000); // it takes CLIPBOARD_MANAGER among its start-up work
 
     // A copy from Tk: afterwards the application serves the restored clipboard, and xclip has gone.
     BackgroundTool tk(QStringLiteral("wish"), {QStringLiteral(CAPTURE_SOURCES_DIR "/tk_source.tcl")});

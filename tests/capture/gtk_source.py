@@ -54,8 +54,10 @@ def main():
         entry.grab_focus()
         if mode == "password":
             entry.select_region(0, -1)
-        else:
+        elif mode == "entry":
             entry.select_region(2, 10)
+        else:
+            entry.select_region(0, 0)  # a clipboard owner with no selection, so PRIMARY stays free
         x, y = window.get_window().get_origin()[1:]
         print("ready", x, y, window.get_allocated_width(), window.get_allocated_height(), flush=True)
         return False
