@@ -13,7 +13,7 @@ build_packages=(
   librsvg2-bin qt6-translations-l10n
 )
 session_packages=(
-  xvfb xauth dbus dbus-x11 at-spi2-core gnome-keyring libsecret-tools
+  xvfb xauth dbus dbus-x11 at-spi2-core gnome-keyring gcr libsecret-tools
   xdotool xclip x11-utils imagemagick fonts-wqy-microhei fonts-noto-cjk trayer
   python3-gi gir1.2-gtk-3.0 tk xterm mate-settings-daemon
   chromium nodejs

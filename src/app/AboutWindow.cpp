@@ -1,43 +1,20 @@
 #include "app/AboutWindow.h"
 
+#include "app/ProductIcon.h"
 #include "updates/ProductRelease.h"
 #include "updates/ProductUpdates.h"
 
 #include <QDesktopServices>
 #include <QFrame>
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QLabel>
-#include <QPainter>
-#include <QPainterPath>
 #include <QPushButton>
 #include <QVBoxLayout>
 
 namespace velnora {
 
 namespace {
-
-// The product mark, drawn so the window needs no image file.
-QPixmap productMark(int size, qreal devicePixelRatio)
-{
-    QPixmap pixmap(QSize(size, size) * devicePixelRatio);
-    pixmap.setDevicePixelRatio(devicePixelRatio);
-    pixmap.fill(Qt::transparent);
-    QPainter painter(&pixmap);
-    painter.setRenderHint(QPainter::Antialiasing);
-    QLinearGradient gradient(0, 0, size, size);
-    gradient.setColorAt(0, QColor(0x2f, 0x80, 0xed));
-    gradient.setColorAt(1, QColor(0x1b, 0x4f, 0xa8));
-    QPainterPath shape;
-    shape.addRoundedRect(QRectF(0, 0, size, size), size * 0.22, size * 0.22);
-    painter.fillPath(shape, gradient);
-    QFont font = painter.font();
-    font.setPixelSize(size * 6 / 10);
-    font.setBold(true);
-    painter.setFont(font);
-    painter.setPen(Qt::white);
-    painter.drawText(QRectF(0, 0, size, size), Qt::AlignCenter, QStringLiteral("澜"));
-    return pixmap;
-}
 
 QLabel* sectionTitle(const QString& text, QWidget* parent)
 {
@@ -53,6 +30,8 @@ QLabel* statusLabel(QWidget* parent)
     auto* label = new QLabel(parent);
     label->setWordWrap(true);
     label->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    // The status quotes the release manifest and the extension's status file: never markup.
+    label->setTextFormat(Qt::PlainText);
     return label;
 }
 
@@ -69,11 +48,13 @@ QFrame* separator(QWidget* parent)
 AboutWindow::AboutWindow(ProductUpdates* updates, QWidget* parent)
     : QWidget(parent, Qt::Tool), m_updates(updates)
 {
-    setWindowTitle(QStringLiteral("关于澜镜"));
-    setAttribute(Qt::WA_DeleteOnClose, false);
+    // Qt appends the application's name to a title that does not end with it.
+    setWindowTitle(QStringLiteral("关于 — 澜镜"));
+    setWindowIcon(ProductIcon::windowIcon());
+    setAttribute(Qt::WA_DeleteOnClose);
 
     auto* mark = new QLabel(this);
-    mark->setPixmap(productMark(56, devicePixelRatioF()));
+    mark->setPixmap(ProductIcon::mark(56, devicePixelRatioF()));
     mark->setFixedSize(56, 56);
 
     auto* name = new QLabel(QStringLiteral("澜镜"), this);
@@ -84,6 +65,7 @@ AboutWindow::AboutWindow(ProductUpdates* updates, QWidget* parent)
     auto* version = new QLabel(
         QStringLiteral("版本 %1（构建 %2）").arg(ProductRelease::version(), ProductRelease::build()), this);
     version->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    version->setTextFormat(Qt::PlainText);
     auto* tagline = new QLabel(QStringLiteral("选中文字，一键用通俗的简体中文讲清楚。"), this);
     tagline->setForegroundRole(QPalette::PlaceholderText);
 
@@ -98,15 +80,15 @@ AboutWindow::AboutWindow(ProductUpdates* updates, QWidget* parent)
     header->addLayout(identity, 1);
 
     m_applicationStatus = statusLabel(this);
-    m_checkApplication = new QPushButton(QStringLiteral("检查更新"), this);
-    m_download = new QPushButton(QStringLiteral("前往下载"), this);
+    m_checkApplication = new QPushButton(QStringLiteral("检查更新(&U)"), this);
+    m_download = new QPushButton(QStringLiteral("前往下载(&D)"), this);
     auto* applicationButtons = new QHBoxLayout;
     applicationButtons->addStretch(1);
     applicationButtons->addWidget(m_download);
     applicationButtons->addWidget(m_checkApplication);
 
     m_extensionStatus = statusLabel(this);
-    m_checkExtension = new QPushButton(QStringLiteral("检查扩展更新"), this);
+    m_checkExtension = new QPushButton(QStringLiteral("检查扩展更新(&X)"), this);
     auto* extensionButtons = new QHBoxLayout;
     extensionButtons->addStretch(1);
     extensionButtons->addWidget(m_checkExtension);
@@ -159,6 +141,15 @@ void AboutWindow::present()
     show();
     raise();
     activateWindow();
+}
+
+void AboutWindow::keyPressEvent(QKeyEvent* event)
+{
+    if (event->key() == Qt::Key_Escape) {
+        close();
+        return;
+    }
+    QWidget::keyPressEvent(event);
 }
 
 void AboutWindow::refreshApplication()

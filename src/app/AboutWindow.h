@@ -17,7 +17,7 @@ public:
     // updates may be shared with the tray menu's "检查更新…"; the window does not own it.
     explicit AboutWindow(ProductUpdates* updates, QWidget* parent = nullptr);
 
-    // Shows the window, or raises it when it is already open.
+    // Shows the window, or raises it when it is already open. It deletes itself when closed.
     void present();
 
     QLabel* applicationStatusLabel() const { return m_applicationStatus; }
@@ -25,6 +25,9 @@ public:
     QPushButton* checkApplicationButton() const { return m_checkApplication; }
     QPushButton* checkExtensionButton() const { return m_checkExtension; }
     QPushButton* downloadButton() const { return m_download; }
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override;
 
 private:
     void refreshApplication();

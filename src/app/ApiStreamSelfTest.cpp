@@ -46,8 +46,8 @@ std::optional<QString> storedKey(KeychainStore& keychain, const QString& provide
         return std::nullopt;
     }
     try {
-        std::optional<QString> key = keychain.apiKey(providerID);
-        if (key && !key->trimmed().isEmpty()) {
+        const QString key = keychain.apiKey(providerID).value_or(QString()).trimmed();
+        if (!key.isEmpty()) {
             return key;
         }
     } catch (const KeychainError&) {
@@ -56,16 +56,27 @@ std::optional<QString> storedKey(KeychainStore& keychain, const QString& provide
     return std::nullopt;
 }
 
-// The provider of that protocol whose key is used: the configured API provider when it speaks the
-// protocol, else the first built-in of that protocol with a stored key, else the first of that protocol.
+void printNote(const QString& text)
+{
+    const QByteArray bytes = (QString::fromLatin1(modeName) + QStringLiteral(": ") + text + u'\n').toUtf8();
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stderr);
+}
+
+// The provider of that protocol whose identity (and model) the request takes: the one whose official
+// address was typed, else the configured API provider when it speaks the protocol, else the first
+// built-in of that protocol. A stored key goes only to its own service's official host.
 ResolvedProviderConfiguration configurationFor(const QUrl& url, ProviderWireProtocol protocol)
 {
     ConfigurationStore settings;
-    KeychainStore keychain;
 
     QList<ProviderDefinition> candidates;
+    for (const ProviderDefinition& definition : ProviderDefinition::builtIn()) {
+        if (definition.wireProtocol == protocol && isOfficialAddress(definition, url)) {
+            candidates.append(definition);
+        }
+    }
     if (const ProviderDefinition* configured = ProviderDefinition::find(settings.apiProviderID());
-        configured && configured->wireProtocol == protocol) {
+        configured && configured->wireProtocol == protocol && !candidates.contains(*configured)) {
         candidates.append(*configured);
     }
     for (const ProviderDefinition& definition : ProviderDefinition::builtIn()) {
@@ -78,12 +89,18 @@ ResolvedProviderConfiguration configurationFor(const QUrl& url, ProviderWireProt
     configuration.baseURL = url.toString();
     configuration.apiKey = QString::fromLatin1(placeholderKey);
     configuration.definition = candidates.isEmpty() ? standInDefinition(protocol) : candidates.first();
-    for (const ProviderDefinition& definition : candidates) {
-        if (std::optional<QString> key = storedKey(keychain, definition.id)) {
-            configuration.definition = definition;
-            configuration.apiKey = *key;
-            break;
-        }
+    std::optional<QString> key;
+    if (isOfficialAddress(configuration.definition, url)) {
+        KeychainStore keychain;
+        key = storedKey(keychain, configuration.definition.id);
+    }
+    if (key) {
+        configuration.apiKey = *key;
+        printNote(QStringLiteral("使用已保存的 %1 API Key（%2 是它的官方地址）")
+                      .arg(configuration.definition.title, url.host()));
+    } else {
+        printNote(QStringLiteral("使用占位 Key “%1”：已保存的 Key 只发往所属服务的官方地址")
+                      .arg(QString::fromLatin1(placeholderKey)));
     }
     configuration.model = configuration.definition.defaultModel;
     if (const std::optional<ProviderOverride> override =
@@ -118,6 +135,14 @@ ProviderWireProtocol protocolArgument(const ProcessArguments& arguments)
         }
     }
     return ProviderWireProtocol::openAIChat;
+}
+
+bool isOfficialAddress(const ProviderDefinition& definition, const QUrl& url)
+{
+    const QUrl official(definition.defaultBaseURL);
+    return url.scheme().compare(QStringLiteral("https"), Qt::CaseInsensitive) == 0 && !url.host().isEmpty() &&
+           official.host().compare(url.host(), Qt::CaseInsensitive) == 0 &&
+           url.port(443) == official.port(443);
 }
 
 bool isLoopbackHost(const QString& host)

@@ -10,7 +10,7 @@ namespace velnora::ApiStreamSelfTest {
 
 inline constexpr const char* flag = "--api-stream-self-test";
 inline constexpr const char* modeName = "api-stream-self-test";
-// Sent when no key is stored for a provider of the chosen protocol.
+// Sent unless the URL is the official address of a service whose key is stored.
 inline constexpr const char* placeholderKey = "velnora-self-test-key";
 
 // The fixed material explained by the check.
@@ -23,6 +23,8 @@ ProviderWireProtocol protocolArgument(const ProcessArguments& arguments);
 // Throws ConfigurationError(invalidBaseURL) unless the URL is https, or http to a loopback host.
 void checkDiagnosticAddress(const ResolvedProviderConfiguration& configuration);
 bool isLoopbackHost(const QString& host);
+// The URL is https on the host (and port) of the service's own default address.
+bool isOfficialAddress(const ProviderDefinition& definition, const QUrl& url);
 
 // The "--api-stream-self-test URL [PROTOCOL]" mode: streams one short explanation from URL, printing the
 // answer as it arrives, then "api-stream-self-test: ok" (exit 0) or the diagnosis on one line (exit 1).

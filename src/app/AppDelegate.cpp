@@ -157,7 +157,7 @@ void AppDelegate::applicationDidFinishLaunching(const ProcessArguments& argument
     // 10. Without a tray the settings window is the only place the user can be told how to go on.
     if (const std::optional<QString> message =
             FirstRunHint::takeLaunchMessage(*m_configuration, QSystemTrayIcon::isSystemTrayAvailable(),
-                                            HotKeyChoice::choice(m_configuration->globalHotKeyID()).title)) {
+                                            HotKeyChoice::fromID(m_configuration->globalHotKeyID()).title)) {
         openSettings(*message);
     }
 }
@@ -187,7 +187,7 @@ void AppDelegate::buildStatusMenu()
     connect(menu->quitItem(), &QAction::triggered, qApp, &QCoreApplication::quit);
 
     menu->setCurrentMode(m_configuration->executionMode());
-    menu->setCurrentHotKey(HotKeyChoice::choice(m_configuration->globalHotKeyID()).id);
+    menu->setCurrentHotKey(HotKeyChoice::fromID(m_configuration->globalHotKeyID()).id);
     connect(m_hotKey, &GlobalHotKey::conflictChanged, menu, &StatusMenu::setHotKeyConflict);
     menu->launchAtLoginItem()->setChecked(LaunchAtLogin::isEnabled());
     menu->setExplainItem(StatusMenu::explainMenuItemTitle(std::nullopt, std::nullopt));
@@ -247,7 +247,7 @@ void AppDelegate::prepareToQuit()
 
 void AppDelegate::registerHotKey()
 {
-    const HotKeyChoice& choice = HotKeyChoice::choice(m_configuration->globalHotKeyID());
+    const HotKeyChoice choice = HotKeyChoice::fromID(m_configuration->globalHotKeyID());
     m_hotKeyRegistered = m_hotKey->registerChoice(choice, [this] { explainCurrentSelection(); });
     if (!m_hotKeyRegistered) {
         showFeedback(hotKeyTakenMessage(choice), 4.0);
@@ -278,7 +278,7 @@ ExplanationCoordinator* AppDelegate::explanationCoordinator()
         m_explanationCoordinator =
             new ExplanationCoordinator(*m_configuration, m_keychain, *m_client, *m_overlay);
         connect(m_explanationCoordinator, &ExplanationCoordinator::fixConfigurationRequested, this,
-                [this](ProviderField field) { openSettings({}, SettingsWindow::Tone::warning, field); });
+                [this](ProviderField field) { openSettings({}, Tone::warning, field); });
     }
     return m_explanationCoordinator;
 }
@@ -308,7 +308,7 @@ void AppDelegate::routeToCard(const SelectionResult& selection)
     }
     if (failure) {
         const ProviderDiagnosis diagnosis = ProviderDiagnostics::diagnose(*failure);
-        openSettings(describe(*failure), SettingsWindow::Tone::error, diagnosis.field);
+        openSettings(describe(*failure), Tone::error, diagnosis.field);
         return;
     }
     showFeedback(QStringLiteral("正在解释"));
@@ -394,7 +394,7 @@ void AppDelegate::explainCurrentSelection()
             openSettings(
                 QStringLiteral(
                     "跨应用自动取词需要辅助功能权限；授权前可先 Ctrl+C 复制，再用菜单栏的“解释剪贴板”。"),
-                SettingsWindow::Tone::warning);
+                Tone::warning);
         } else {
             showFeedback(error.description(), 2.5);
         }
@@ -442,7 +442,7 @@ void AppDelegate::selectMode(ExecutionMode mode)
 
 void AppDelegate::selectHotKey(const QString& choiceID)
 {
-    const HotKeyChoice& choice = HotKeyChoice::choice(choiceID);
+    const HotKeyChoice choice = HotKeyChoice::fromID(choiceID);
     m_configuration->setGlobalHotKeyID(choice.id);
     m_statusMenu->setCurrentHotKey(choice.id);
     m_hotKeyRegistered = m_hotKey->registerChoice(choice, [this] { explainCurrentSelection(); });
@@ -506,15 +506,28 @@ void AppDelegate::checkChrome()
                           });
 }
 
-void AppDelegate::openSettings(const QString& message, SettingsWindow::Tone tone,
-                               std::optional<ProviderField> field)
+void AppDelegate::openSettings(const QString& message, Tone tone, std::optional<ProviderField> field)
 {
     if (!m_settingsController) {
+        // Created when opened and deleted when closed: nothing in it outlives the window.
         SettingsWindow::Collaborators collaborators =
             SettingsWindow::Collaborators::standard(m_configuration.get(), &m_keychain);
         collaborators.requestStore = m_requestStore;
+        collaborators.applyHotKey = [this](const HotKeyChoice& choice) -> std::optional<QString> {
+            selectHotKey(choice.id);
+            return m_hotKeyRegistered ? std::nullopt : std::optional(hotKeyTakenMessage(choice));
+        };
+        collaborators.hotKeyProblem = [this]() -> std::optional<QString> {
+            if (m_hotKeyRegistered) {
+                return std::nullopt;
+            }
+            return hotKeyTakenMessage(HotKeyChoice::fromID(m_configuration->globalHotKeyID()));
+        };
         m_settingsController = new SettingsWindow(std::move(collaborators));
-        m_settingsController->setAttribute(Qt::WA_DeleteOnClose, false);
+        connect(m_settingsController, &SettingsWindow::aboutRequested, this, &AppDelegate::showAbout);
+        connect(m_settingsController, &SettingsWindow::updatesRequested, this, &AppDelegate::checkForUpdates);
+        connect(m_settingsController, &SettingsWindow::launchAtLoginChanged, this,
+                [this](bool enabled) { m_statusMenu->launchAtLoginItem()->setChecked(enabled); });
     }
     m_settingsController->present(message, tone, field);
 }

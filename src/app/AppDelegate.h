@@ -1,7 +1,7 @@
 #pragma once
 
-#include "app/SettingsWindow.h"
 #include "app/StatusMenu.h"
+#include "app/settings/SettingsWindow.h"
 #include "bridge/BridgeDiagnosis.h"
 #include "bridge/RequestStore.h"
 #include "capture/ActiveApplicationTracker.h"
@@ -78,7 +78,7 @@ public:
     void toggleLaunchAtLogin();
     void checkAccessibility();
     void checkChrome();
-    void openSettings(const QString& message = {}, SettingsWindow::Tone tone = SettingsWindow::Tone::info,
+    void openSettings(const QString& message = {}, Tone tone = Tone::info,
                       std::optional<ProviderField> field = std::nullopt);
     void handleNotification(const QString& name);
     // The bus method: the text, or the current selection when it is blank.

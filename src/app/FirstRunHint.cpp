@@ -1,6 +1,6 @@
 #include "app/FirstRunHint.h"
 
-#include <QSettings>
+#include <QStringList>
 
 namespace velnora::FirstRunHint {
 
@@ -13,7 +13,8 @@ QString noTrayMessage(const QString& hotKeyTitle)
 {
     return QStringLiteral(
                "这个桌面没有系统托盘，澜镜的菜单无法显示，但澜镜仍在后台运行：选中文字后按 %1 即可解释。"
-               "要再次打开本窗口，请重新启动澜镜，或在终端运行 velnora --send-settings。")
+               "快捷键、登录时启动和关于都在本窗口里；要再次打开本窗口，请重新启动澜镜，或在终端运行 velnora "
+               "--send-settings。")
         .arg(hotKeyTitle);
 }
 
@@ -25,10 +26,8 @@ std::optional<QString> takeLaunchMessage(ConfigurationStore& store, bool trayAva
         store.setDidShowVersion2Setup(true);
         parts << setupMessage();
     }
-    QSettings& settings = store.settings();
-    if (!trayAvailable && !settings.value(QLatin1String(trayHintShownKey)).toBool()) {
-        settings.setValue(QLatin1String(trayHintShownKey), true);
-        settings.sync();
+    if (!trayAvailable && !store.didShowNoTrayHint()) {
+        store.setDidShowNoTrayHint(true);
         parts << noTrayMessage(hotKeyTitle);
     }
     if (parts.isEmpty()) {

@@ -9,9 +9,6 @@
 // launch, and, once, that there is no tray to hold the menu (stock GNOME has none).
 namespace velnora::FirstRunHint {
 
-// Our own key beside the store's: set once the missing tray has been explained.
-inline constexpr const char* trayHintShownKey = "didShowNoTrayHint";
-
 QString setupMessage();
 QString noTrayMessage(const QString& hotKeyTitle);
 

@@ -2,6 +2,7 @@
 
 #include "app/ModeResult.h"
 #include "config/ProviderCatalog.h"
+#include "config/SecretServiceBackend.h"
 
 namespace velnora::KeychainRepairCommand {
 
@@ -13,18 +14,11 @@ Outcome repairAll(KeychainStore& store)
         if (!store.hasAPIKey(id)) {
             continue;
         }
-        store.dropCachedKey(id);
-        KeychainStore::ReadOutcome read = store.read(store.service(), id);
-        if (read.kind == KeychainStore::ReadOutcome::Kind::notFound) {
-            read = store.readLegacy(id);
-        }
-        if (read.kind != KeychainStore::ReadOutcome::Kind::found) {
-            outcome.failures.append(id + QStringLiteral(": ") + KeychainError(read.status).description());
-            continue;
-        }
         try {
-            store.saveAPIKey(read.key, id);
-            outcome.repaired.append(id);
+            // Exactly the bytes that were read go back: no trimming, and a blank secret stays.
+            if (store.repairAccess(id)) {
+                outcome.repaired.append(id);
+            }
         } catch (const KeychainError& error) {
             outcome.failures.append(id + QStringLiteral(": ") + error.description());
         }
@@ -38,17 +32,33 @@ int report(const Outcome& outcome)
         ModeResult::printErrorLine(QStringLiteral("keychain-access-repair: ") + failure);
     }
     if (!outcome.repaired.isEmpty()) {
-        ModeResult::printLine(QStringLiteral("keychain-access-repair: ok (") + outcome.repaired.join(QStringLiteral(", ")) +
-                              QStringLiteral(")"));
+        ModeResult::printLine(QStringLiteral("keychain-access-repair: ok (") +
+                              outcome.repaired.join(QStringLiteral(", ")) + QStringLiteral(")"));
     } else if (outcome.failures.isEmpty()) {
         ModeResult::printLine(QStringLiteral("keychain-access-repair: no stored API keys"));
     }
     return outcome.failures.isEmpty() ? 0 : 1;
 }
 
+std::optional<KeychainError> serviceFailure(const KeychainStore& store, std::chrono::milliseconds deadline)
+{
+    // Any answer about an item that does not exist proves the service is there.
+    const int32_t status = SecretServiceBackend::copyItem(
+        KeychainQuery{store.service(), QStringLiteral("-"), false}, nullptr, deadline);
+    if (status == 0 || status == KeychainError::itemNotFound) {
+        return std::nullopt;
+    }
+    return KeychainError(status, SecretServiceBackend::lastFailureDetail());
+}
+
 int run(const ProcessArguments&)
 {
     KeychainStore store;
+    // Without a service every provider would look keyless: say so once and fail instead.
+    if (const auto failure = serviceFailure(store, serviceCheckDeadline)) {
+        ModeResult::printErrorLine(QStringLiteral("keychain-access-repair: ") + failure->description());
+        return 1;
+    }
     return report(repairAll(store));
 }
 

@@ -4,6 +4,8 @@
 #include "config/KeychainStore.h"
 
 #include <QStringList>
+#include <chrono>
+#include <optional>
 
 namespace velnora::KeychainRepairCommand {
 
@@ -15,6 +17,10 @@ struct Outcome
 
 // Re-reads and re-stores the key of every built-in provider that has one.
 Outcome repairAll(KeychainStore& store);
+// How long the mode waits to learn whether a Secret Service answers at all.
+inline constexpr std::chrono::milliseconds serviceCheckDeadline = std::chrono::seconds(2);
+// Why the store's Secret Service cannot be used (absent, silent, refusing), or none.
+std::optional<KeychainError> serviceFailure(const KeychainStore& store, std::chrono::milliseconds deadline);
 // The "--repair-keychain-access" mode: prints the outcome, exit status 1 when any provider failed.
 int run(const ProcessArguments& arguments);
 int report(const Outcome& outcome);

@@ -108,7 +108,7 @@ QString StatusMenu::hotKeyConflictItemTitle(const HotKeyChoice& choice)
 
 void StatusMenu::setCurrentHotKey(const QString& choiceID)
 {
-    m_currentHotKey = HotKeyChoice::choice(choiceID).id;
+    m_currentHotKey = HotKeyChoice::fromID(choiceID).id;
     showHotKeyState();
 }
 
@@ -120,7 +120,7 @@ void StatusMenu::setHotKeyConflict(bool conflict)
 
 void StatusMenu::showHotKeyState()
 {
-    const HotKeyChoice& current = HotKeyChoice::choice(m_currentHotKey);
+    const HotKeyChoice current = HotKeyChoice::fromID(m_currentHotKey);
     for (const HotKeyChoice& choice : HotKeyChoice::all()) {
         QAction* item = m_hotKeyItems.value(choice.id);
         const bool taken = m_hotKeyConflict && choice.id == current.id;

@@ -24,8 +24,10 @@ int runUpdatesPreview(const ProcessArguments& arguments)
     QApplication application(arguments.argc(), arguments.argv());
     ApplicationMode::nameApplication();
     ProductUpdates updates;
-    AboutWindow window(&updates);
-    window.present();
+    auto* window = new AboutWindow(&updates);
+    // A tool window does not count for quitting on the last window closed.
+    QObject::connect(window, &QObject::destroyed, &application, &QCoreApplication::quit);
+    window->present();
     application.exec();
     return 0;
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QString>
-
 #include <optional>
 #include <vector>
 
@@ -20,6 +19,12 @@ struct HotKeyChoice
     static const std::vector<HotKeyChoice>& all();
     // The entry with exactly this id, else the default.
     static const HotKeyChoice& choice(const std::optional<QString>& id);
+
+    // A combination the user recorded: id "custom:" + the portable key text ("custom:Ctrl+Shift+K").
+    static HotKeyChoice custom(Qt::KeyboardModifiers modifiers, Qt::Key key);
+    // Like choice(), and also understands recorded combinations.
+    static HotKeyChoice fromID(const std::optional<QString>& id);
+    bool isCustom() const;
 
     friend bool operator==(const HotKeyChoice&, const HotKeyChoice&) = default;
 };

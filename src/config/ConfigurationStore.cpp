@@ -35,8 +35,7 @@ ConfigurationStore::ConfigurationStore(QObject* parent) : ConfigurationStore(def
 
 ConfigurationStore::ConfigurationStore(const QString& settingsPath, QObject* parent)
     : QObject(parent), m_settings(std::make_unique<QSettings>(settingsPath, QSettings::IniFormat))
-{
-}
+{}
 
 ConfigurationStore::~ConfigurationStore() = default;
 
@@ -59,7 +58,8 @@ void ConfigurationStore::write(const char* key, const QVariant& value)
 
 ExecutionMode ConfigurationStore::executionMode() const
 {
-    return readString(Keys::executionMode) == QLatin1String("api") ? ExecutionMode::api : ExecutionMode::browser;
+    return readString(Keys::executionMode) == QLatin1String("api") ? ExecutionMode::api
+                                                                   : ExecutionMode::browser;
 }
 
 void ConfigurationStore::setExecutionMode(ExecutionMode mode)
@@ -90,7 +90,8 @@ void ConfigurationStore::setApiProviderID(const QString& id)
 
 ExplanationDepth ConfigurationStore::explanationDepth() const
 {
-    return fromRawValue<ExplanationDepth>(readString(Keys::explanationDepth)).value_or(ExplanationDepth::balanced);
+    return fromRawValue<ExplanationDepth>(readString(Keys::explanationDepth))
+        .value_or(ExplanationDepth::balanced);
 }
 
 void ConfigurationStore::setExplanationDepth(ExplanationDepth depth)
@@ -108,7 +109,8 @@ QString ConfigurationStore::systemPrompt() const
 
 void ConfigurationStore::setSystemPrompt(const QString& prompt)
 {
-    write(Keys::systemPrompt, PromptLibrary::normalizedSystemPrompt(prompt));
+    const QString normalized = PromptLibrary::normalizedSystemPrompt(prompt);
+    write(Keys::systemPrompt, normalized == PromptLibrary::defaultSystemPrompt() ? QVariant() : normalized);
 }
 
 bool ConfigurationStore::didShowVersion2Setup() const
@@ -120,6 +122,16 @@ bool ConfigurationStore::didShowVersion2Setup() const
 void ConfigurationStore::setDidShowVersion2Setup(bool shown)
 {
     write(Keys::didShowVersion2Setup, shown);
+}
+
+bool ConfigurationStore::didShowNoTrayHint() const
+{
+    return m_settings->value(QLatin1String(Keys::didShowNoTrayHint)).toBool();
+}
+
+void ConfigurationStore::setDidShowNoTrayHint(bool shown)
+{
+    write(Keys::didShowNoTrayHint, shown);
 }
 
 std::optional<QString> ConfigurationStore::globalHotKeyID() const
@@ -185,7 +197,8 @@ ResolvedProviderConfiguration ConfigurationStore::resolvedProvider(const QString
 
     const QUrl url(baseURL, QUrl::StrictMode);
     const QString scheme = url.scheme().toLower();
-    if (!url.isValid() || url.host().isEmpty() || !(scheme == u"https" || (scheme == u"http" && id == u"custom"))) {
+    if (!url.isValid() || url.host().isEmpty() ||
+        !(scheme == u"https" || (scheme == u"http" && id == u"custom"))) {
         throw ConfigurationError(ConfigurationError::Kind::invalidBaseURL);
     }
     if (model.isEmpty()) {
@@ -220,18 +233,14 @@ void ConfigurationStore::setLastKnownGoodProvider(const std::optional<KnownGoodP
         write(Keys::lastKnownGoodProvider, QVariant());
         return;
     }
-    const QJsonObject root{{"providerID", record->providerID}, {"baseURL", record->baseURL}, {"model", record->model}};
+    const QJsonObject root{
+        {"providerID", record->providerID}, {"baseURL", record->baseURL}, {"model", record->model}};
     write(Keys::lastKnownGoodProvider, QJsonDocument(root).toJson(QJsonDocument::Compact));
 }
 
-void ConfigurationStore::adopt(const QVariantMap& values, QSettings& target)
+void ConfigurationStore::sync()
 {
-    for (auto it = values.cbegin(); it != values.cend(); ++it) {
-        if (!target.contains(it.key())) {
-            target.setValue(it.key(), it.value());
-        }
-    }
-    target.sync();
+    m_settings->sync();
 }
 
 } // namespace velnora

@@ -5,8 +5,6 @@
 
 #include <QMap>
 #include <QObject>
-#include <QVariantMap>
-
 #include <memory>
 #include <optional>
 
@@ -49,6 +47,7 @@ public:
         static constexpr const char* lastKnownGoodProvider = "lastKnownGoodProviderV1";
         static constexpr const char* didShowVersion2Setup = "didShowVersion2Setup";
         static constexpr const char* globalHotKey = "globalHotKey";
+        static constexpr const char* didShowNoTrayHint = "didShowNoTrayHint";
     };
 
     // The user's settings file: $XDG_CONFIG_HOME/tarnwick/velnora-domestic.conf.
@@ -68,9 +67,13 @@ public:
     ExplanationDepth explanationDepth() const;
     void setExplanationDepth(ExplanationDepth depth);
     QString systemPrompt() const;
+    // The default prompt is never stored, so a later release's default reaches the user.
     void setSystemPrompt(const QString& prompt);
     bool didShowVersion2Setup() const;
     void setDidShowVersion2Setup(bool shown);
+    // Whether the user was told once that this desktop has no tray.
+    bool didShowNoTrayHint() const;
+    void setDidShowNoTrayHint(bool shown);
     // The id of the chosen hot-key combination; absent when never chosen.
     std::optional<QString> globalHotKeyID() const;
     void setGlobalHotKeyID(const QString& id);
@@ -85,10 +88,8 @@ public:
     std::optional<KnownGoodProvider> lastKnownGoodProvider() const;
     void setLastKnownGoodProvider(const std::optional<KnownGoodProvider>& record);
 
-    // Copies every entry the target does not hold yet; never overwrites, never removes.
-    static void adopt(const QVariantMap& values, QSettings& target);
-
-    QSettings& settings() const { return *m_settings; }
+    // Picks up what another process wrote to the file meanwhile.
+    void sync();
 
 Q_SIGNALS:
     // Emitted after every write, so menus and open windows can refresh their labels.

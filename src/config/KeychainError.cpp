@@ -14,7 +14,7 @@ QString KeychainError::messageForStatus(int32_t status)
     case serviceUnavailable:
         return QStringLiteral("没有可用的钥匙串服务（Secret Service 未运行）。");
     case userCancelled:
-        return QStringLiteral("用户取消了钥匙串授权。");
+        return QStringLiteral("解锁登录钥匙串的请求被取消了，API Key 没有读取也没有保存。");
     case timedOut:
         return QStringLiteral("钥匙串服务没有及时响应。");
     case accessDenied:

@@ -26,8 +26,34 @@ KeychainStore::KeychainStore(QString service)
       }),
       addItem([](const KeychainItem& item) { return SecretServiceBackend::addItem(item); }),
       deleteItem([](const KeychainQuery& query) { return SecretServiceBackend::deleteItem(query); }),
+      unlockCollection([] { return SecretServiceBackend::unlockDefaultCollection(); }),
       m_service(std::move(service))
+{}
+
+KeychainStore KeychainStore::detached() const
 {
+    KeychainStore copy(m_service);
+    copy.copyItem = copyItem;
+    copy.addItem = addItem;
+    copy.deleteItem = deleteItem;
+    copy.unlockCollection = unlockCollection;
+    return copy;
+}
+
+template <typename Operation>
+auto KeychainStore::unlockingIfLocked(Operation operation) -> decltype(operation())
+{
+    try {
+        return operation();
+    } catch (const KeychainError& error) {
+        if (error.status() != KeychainError::collectionLocked || !unlockCollection) {
+            throw;
+        }
+    }
+    if (const int32_t status = unlockCollection(); status != 0) {
+        throw errorFor(status);
+    }
+    return operation();
 }
 
 KeychainStore::ReadOutcome KeychainStore::read(const QString& service, const QString& providerID)
@@ -59,17 +85,19 @@ std::optional<QString> KeychainStore::apiKey(const QString& providerID)
     if (const auto it = m_cachedKeys.constFind(providerID); it != m_cachedKeys.cend()) {
         return *it;
     }
-    const ReadOutcome outcome = read(m_service, providerID);
-    switch (outcome.kind) {
-    case ReadOutcome::Kind::found:
-        m_cachedKeys.insert(providerID, outcome.key);
-        return outcome.key;
-    case ReadOutcome::Kind::notFound:
-        return std::nullopt;
-    case ReadOutcome::Kind::failure:
-        break;
-    }
-    throw errorFor(outcome.status);
+    return unlockingIfLocked([&]() -> std::optional<QString> {
+        const ReadOutcome outcome = read(m_service, providerID);
+        switch (outcome.kind) {
+        case ReadOutcome::Kind::found:
+            m_cachedKeys.insert(providerID, outcome.key);
+            return outcome.key;
+        case ReadOutcome::Kind::notFound:
+            return std::nullopt;
+        case ReadOutcome::Kind::failure:
+            break;
+        }
+        throw errorFor(outcome.status);
+    });
 }
 
 bool KeychainStore::hasAPIKey(const QString& providerID)
@@ -83,16 +111,19 @@ bool KeychainStore::hasAPIKey(const QString& providerID)
 void KeychainStore::saveAPIKey(const QString& key, const QString& providerID)
 {
     const QString trimmed = key.trimmed();
-    if (trimmed.isEmpty()) {
-        deleteAPIKey(m_service, providerID);
-    } else {
-        storeAPIKey(trimmed, providerID);
-    }
+    unlockingIfLocked([&] {
+        if (trimmed.isEmpty()) {
+            deleteAPIKey(m_service, providerID);
+        } else {
+            storeAPIKey(trimmed, providerID);
+        }
+    });
 }
 
 void KeychainStore::storeAPIKey(const QString& key, const QString& providerID)
 {
-    deleteAPIKey(m_service, providerID);
+    // The service replaces an item with the same attributes, so a failed write leaves the old key.
+    m_cachedKeys.remove(providerID);
     if (const int32_t status = addItem(KeychainItem{m_service, providerID, key.toUtf8()}); status != 0) {
         throw errorFor(status);
     }
@@ -121,17 +152,19 @@ bool KeychainStore::repairAccess(const QString& providerID)
 {
     m_cachedKeys.remove(providerID);
     // The Secret Service has no per-build access lists to strip: rewriting the item is the repair.
-    const ReadOutcome outcome = read(m_service, providerID);
-    switch (outcome.kind) {
-    case ReadOutcome::Kind::found:
-        storeAPIKey(outcome.key, providerID);
-        return true;
-    case ReadOutcome::Kind::notFound:
-        return false;
-    case ReadOutcome::Kind::failure:
-        break;
-    }
-    throw errorFor(outcome.status);
+    return unlockingIfLocked([&] {
+        const ReadOutcome outcome = read(m_service, providerID);
+        switch (outcome.kind) {
+        case ReadOutcome::Kind::found:
+            storeAPIKey(outcome.key, providerID); // untrimmed: the repair must not change the secret
+            return true;
+        case ReadOutcome::Kind::notFound:
+            return false;
+        case ReadOutcome::Kind::failure:
+            break;
+        }
+        throw errorFor(outcome.status);
+    });
 }
 
 } // namespace velnora

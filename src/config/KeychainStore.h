@@ -5,7 +5,6 @@
 
 #include <QHash>
 #include <QStringList>
-
 #include <functional>
 #include <optional>
 
@@ -22,6 +21,7 @@ public:
     using CopyItem = std::function<int32_t(const KeychainQuery&, QByteArray* secret)>;
     using AddItem = std::function<int32_t(const KeychainItem&)>;
     using DeleteItem = std::function<int32_t(const KeychainQuery&)>;
+    using UnlockCollection = std::function<int32_t()>;
 
     explicit KeychainStore(QString service = QString::fromLatin1(defaultService));
 
@@ -31,6 +31,14 @@ public:
     CopyItem copyItem;
     AddItem addItem;
     DeleteItem deleteItem;
+    // Shows the desktop's unlock prompt for a locked collection; asked once per user action.
+    UnlockCollection unlockCollection;
+
+    // A store on the same items and operations with an empty cache, for work on another thread.
+    KeychainStore detached() const;
+
+    // apiKey, saveAPIKey and repairAccess are user actions: a locked collection is unlocked through
+    // the desktop's prompt first, and a refused prompt throws KeychainError(userCancelled).
 
     // The stored key, or none when no item exists. Throws KeychainError.
     std::optional<QString> apiKey(const QString& providerID);
@@ -38,7 +46,8 @@ public:
     bool hasAPIKey(const QString& providerID);
     // Stores the trimmed key; a blank key deletes the item. Throws KeychainError.
     void saveAPIKey(const QString& key, const QString& providerID);
-    // Reads the item and writes it again. True when a key was rewritten, false when none is stored.
+    // Reads the item and writes exactly those bytes again. True when a key was rewritten, false when
+    // none is stored.
     bool repairAccess(const QString& providerID);
     // Forgets the cached key, so the next read asks the secret store.
     void dropCachedKey(const QString& providerID) { m_cachedKeys.remove(providerID); }
@@ -54,6 +63,8 @@ public:
     ReadOutcome readLegacy(const QString& providerID) const;
 
 private:
+    // Runs an operation; when it meets a locked collection, unlocks it once and runs it again.
+    template <typename Operation> auto unlockingIfLocked(Operation operation) -> decltype(operation());
     void storeAPIKey(const QString& key, const QString& providerID);
     void deleteAPIKey(const QString& service, const QString& providerID);
 

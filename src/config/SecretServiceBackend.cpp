@@ -2,11 +2,10 @@
 
 #include "config/KeychainError.h"
 
-#include <gio/gio.h>
-#include <libsecret/secret.h>
-
 #include <condition_variable>
 #include <functional>
+#include <gio/gio.h>
+#include <libsecret/secret.h>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -123,7 +122,8 @@ GHashTable* attributesFor(const QByteArray& service, const QByteArray& account)
     return attributes;
 }
 
-CallResult search(const QByteArray& service, const QByteArray& account, bool loadSecret, GCancellable* cancellable)
+CallResult search(const QByteArray& service, const QByteArray& account, bool loadSecret,
+                  GCancellable* cancellable)
 {
     GError* error = nullptr;
     SecretService* secretService = secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, cancellable, &error);
@@ -132,8 +132,10 @@ CallResult search(const QByteArray& service, const QByteArray& account, bool loa
     }
     GHashTable* attributes = attributesFor(service, account);
     // No unlock flag: a locked collection must fail fast instead of raising a prompt.
-    const auto flags = static_cast<SecretSearchFlags>(loadSecret ? SECRET_SEARCH_LOAD_SECRETS : SECRET_SEARCH_NONE);
-    GList* items = secret_service_search_sync(secretService, schema(), attributes, flags, cancellable, &error);
+    const auto flags =
+        static_cast<SecretSearchFlags>(loadSecret ? SECRET_SEARCH_LOAD_SECRETS : SECRET_SEARCH_NONE);
+    GList* items =
+        secret_service_search_sync(secretService, schema(), attributes, flags, cancellable, &error);
     g_hash_table_unref(attributes);
     g_object_unref(secretService);
     if (error) {
@@ -166,9 +168,10 @@ int32_t copyItem(const KeychainQuery& query, QByteArray* secret, std::chrono::mi
     const QByteArray service = query.service.toUtf8();
     const QByteArray account = query.account.toUtf8();
     const bool load = query.returnData;
-    CallResult result = runBounded(
-        [service, account, load](GCancellable* cancellable) { return search(service, account, load, cancellable); },
-        deadline);
+    CallResult result =
+        runBounded([service, account,
+                    load](GCancellable* cancellable) { return search(service, account, load, cancellable); },
+                   deadline);
     t_lastFailure = result.detail;
     if (result.status == 0 && secret) {
         *secret = result.secret;
@@ -187,8 +190,9 @@ int32_t addItem(const KeychainItem& item, std::chrono::milliseconds deadline)
             GError* error = nullptr;
             SecretValue* value = secret_value_new(secret.constData(), secret.size(), "text/plain");
             GHashTable* attributes = attributesFor(service, account);
-            const gboolean stored = secret_password_storev_binary_sync(
-                schema(), attributes, SECRET_COLLECTION_DEFAULT, label.constData(), value, cancellable, &error);
+            const gboolean stored =
+                secret_password_storev_binary_sync(schema(), attributes, SECRET_COLLECTION_DEFAULT,
+                                                   label.constData(), value, cancellable, &error);
             g_hash_table_unref(attributes);
             secret_value_unref(value);
             return stored ? CallResult{} : failure(error);
@@ -212,6 +216,43 @@ int32_t deleteItem(const KeychainQuery& query, std::chrono::milliseconds deadlin
                 return failure(error);
             }
             return removed ? CallResult{} : CallResult{KeychainError::itemNotFound, {}, {}};
+        },
+        deadline);
+    t_lastFailure = result.detail;
+    return result.status;
+}
+
+int32_t unlockDefaultCollection(std::chrono::milliseconds deadline)
+{
+    CallResult result = runBounded(
+        [](GCancellable* cancellable) {
+            GError* error = nullptr;
+            SecretService* secretService = secret_service_get_sync(SECRET_SERVICE_NONE, cancellable, &error);
+            if (!secretService) {
+                return failure(error);
+            }
+            SecretCollection* collection = secret_collection_for_alias_sync(
+                secretService, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, cancellable, &error);
+            if (!collection) {
+                g_object_unref(secretService);
+                return error ? failure(error) : CallResult{KeychainError::itemNotFound, {}, {}};
+            }
+            CallResult outcome;
+            if (secret_collection_get_locked(collection)) {
+                GList* objects = g_list_append(nullptr, collection);
+                // The service answers with a prompt object; libsecret performs it and waits for its answer.
+                const gint unlocked =
+                    secret_service_unlock_sync(secretService, objects, cancellable, nullptr, &error);
+                g_list_free(objects);
+                if (error) {
+                    outcome = failure(error);
+                } else if (unlocked == 0) {
+                    outcome.status = KeychainError::userCancelled; // the prompt was dismissed
+                }
+            }
+            g_object_unref(collection);
+            g_object_unref(secretService);
+            return outcome;
         },
         deadline);
     t_lastFailure = result.detail;

@@ -5,7 +5,6 @@
 
 #include <QRect>
 #include <QString>
-
 #include <functional>
 #include <optional>
 
@@ -54,10 +53,12 @@ public:
     virtual void finish() = 0;
     // The stream failed; a diagnosis with a field offers "去设置".
     virtual void showError(const ProviderDiagnosis& diagnosis) = 0;
+    // The user stopped the answer before any of its text arrived; retry is offered.
+    virtual void showStopped() = 0;
     virtual void setStatus(const QString& text, CardStatusTone tone) = 0;
     // The session switched to the last configuration that worked after a failure on `failedField`:
     // the card shows the new identity and replaces its text with `notice` at once. The fix button
-    // stays hidden, and the answer that follows finishes as "已切换备用配置".
+    // stays hidden, and only the answer that follows finishes as "已切换备用配置".
     virtual void showFallback(const ProviderDefinition& provider, ExplanationDepth depth,
                               ProviderField failedField, const QString& notice) = 0;
 };

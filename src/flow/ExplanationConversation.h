@@ -1,6 +1,6 @@
 #pragma once
 
-#include "flow/ConversationMessage.h"
+#include "llm/ConversationMessage.h"
 
 #include <QList>
 

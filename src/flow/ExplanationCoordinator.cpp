@@ -60,7 +60,8 @@ ExplanationCoordinator::Resolution ExplanationCoordinator::defaultResolution()
         const QString key = m_keychain.apiKey(m_configuration.apiProviderID()).value_or(QString());
         return m_configuration.resolvedProvider(key);
     };
-    resolution.knownGood = [this](const KnownGoodProvider& record) -> std::optional<ResolvedProviderConfiguration> {
+    resolution.knownGood =
+        [this](const KnownGoodProvider& record) -> std::optional<ResolvedProviderConfiguration> {
         const ProviderDefinition* definition = ProviderDefinition::find(record.providerID);
         if (!definition) {
             return std::nullopt;
@@ -92,8 +93,8 @@ void ExplanationCoordinator::explain(const SelectionResult& selection)
         if (m_isGenerating) {
             stop();
         }
-        m_conversation.append(
-            ConversationMessage::user(ExplanationConversation::furtherSelectionMessage(instruction, selection.text)));
+        m_conversation.append(ConversationMessage::user(
+            ExplanationConversation::furtherSelectionMessage(instruction, selection.text)));
         m_currentResponse.clear();
         m_didFallBack = false;
         m_card.continueSession(m_provider->definition, depth, anchor);
@@ -103,9 +104,11 @@ void ExplanationCoordinator::explain(const SelectionResult& selection)
 
     // Resolve first: a failure leaves the coordinator exactly as it was.
     ResolvedProviderConfiguration resolved = m_resolution.session();
+    m_sessionResolution = resolved;
     m_provider = std::move(resolved);
     m_conversation = ExplanationConversation{};
-    m_conversation.append(ConversationMessage::user(ExplanationConversation::firstMessage(instruction, selection.text)));
+    m_conversation.append(
+        ConversationMessage::user(ExplanationConversation::firstMessage(instruction, selection.text)));
     m_currentResponse.clear();
     m_didFallBack = false;
     m_card.present(m_provider->definition, depth, anchor);
@@ -119,6 +122,7 @@ void ExplanationCoordinator::startStreaming(bool isFollowUp)
     }
     m_isGenerating = true;
     m_card.beginResponse(isFollowUp);
+    m_statusShown = false;
 
     const quint64 serial = ++m_streamSerial;
     QPointer<ExplanationCoordinator> self(this);
@@ -128,7 +132,10 @@ void ExplanationCoordinator::startStreaming(bool isFollowUp)
         }
         self->m_currentResponse += text;
         self->m_card.appendText(text);
-        self->m_card.setStatus(generatingStatus, CardStatusTone::working);
+        if (!self->m_statusShown) {
+            self->m_statusShown = true;
+            self->m_card.setStatus(generatingStatus, CardStatusTone::working);
+        }
     };
     auto onComplete = [self, serial, isFollowUp](const StreamResult& result) {
         if (!self || serial != self->m_streamSerial) {
@@ -137,8 +144,8 @@ void ExplanationCoordinator::startStreaming(bool isFollowUp)
         self->complete(result, isFollowUp);
     };
     try {
-        m_client.stream(*m_provider, m_configuration.systemPrompt(), m_conversation.messages, std::move(onDelta),
-                        std::move(onComplete));
+        m_client.stream(*m_provider, m_configuration.systemPrompt(), m_conversation.messages,
+                        std::move(onDelta), std::move(onComplete));
     } catch (const ConfigurationError& error) {
         m_isGenerating = false;
         fail(error, isFollowUp);
@@ -208,10 +215,35 @@ bool ExplanationCoordinator::tryFallback(const ProviderDiagnosis& diagnosis, boo
     return true;
 }
 
-QString ExplanationCoordinator::fallbackNotice(const ProviderDiagnosis& diagnosis, const QString& fallbackModel)
+QString ExplanationCoordinator::fallbackNotice(const ProviderDiagnosis& diagnosis,
+                                               const QString& fallbackModel)
 {
-    return QStringLiteral("⚠️ ") + diagnosis.message() + QStringLiteral("\n\n已临时改用上次可用的模型 `") +
-           fallbackModel + QStringLiteral("` 继续解释。设置本身没有被改动。\n\n---\n\n");
+    return QStringLiteral("⚠️ ") + diagnosis.message() +
+           QStringLiteral("\n\n已临时改用上次可用的模型 `") + fallbackModel +
+           QStringLiteral("` 继续解释。设置本身没有被改动。\n\n---\n\n");
+}
+
+bool ExplanationCoordinator::adoptChangedSettings(bool isFollowUp)
+{
+    std::optional<ResolvedProviderConfiguration> resolved;
+    try {
+        resolved = m_resolution.session();
+    } catch (const KeychainError& error) {
+        m_card.beginResponse(isFollowUp);
+        fail(error, isFollowUp);
+        return false;
+    } catch (const ConfigurationError& error) {
+        m_card.beginResponse(isFollowUp);
+        fail(error, isFollowUp);
+        return false;
+    }
+    // Unchanged settings keep the session as it is, a fallback included.
+    if (resolved != m_sessionResolution) {
+        m_sessionResolution = resolved;
+        m_provider = std::move(resolved);
+        m_didFallBack = false;
+    }
+    return true;
 }
 
 void ExplanationCoordinator::followUp(const QString& question)
@@ -220,6 +252,9 @@ void ExplanationCoordinator::followUp(const QString& question)
         return;
     }
     m_conversation.append(ConversationMessage::user(question));
+    if (!adoptChangedSettings(true)) {
+        return;
+    }
     m_currentResponse.clear();
     startStreaming(true);
 }
@@ -230,7 +265,9 @@ void ExplanationCoordinator::retry()
         return;
     }
     m_currentResponse.clear();
-    startStreaming(false);
+    if (adoptChangedSettings(false)) {
+        startStreaming(false);
+    }
 }
 
 void ExplanationCoordinator::stop()
@@ -240,10 +277,12 @@ void ExplanationCoordinator::stop()
     }
     m_client.cancel();
     m_isGenerating = false;
-    if (!m_currentResponse.isEmpty()) {
-        m_conversation.append(ConversationMessage::assistant(m_currentResponse));
-        m_currentResponse.clear();
+    if (m_currentResponse.isEmpty()) {
+        m_card.showStopped();
+        return;
     }
+    m_conversation.append(ConversationMessage::assistant(m_currentResponse));
+    m_currentResponse.clear();
     m_card.finish();
 }
 
@@ -253,6 +292,7 @@ void ExplanationCoordinator::reset()
     ++m_streamSerial;
     m_isGenerating = false;
     m_provider.reset();
+    m_sessionResolution.reset();
     m_conversation = ExplanationConversation{};
     m_currentResponse.clear();
     m_didFallBack = false;
@@ -260,8 +300,8 @@ void ExplanationCoordinator::reset()
 
 void ExplanationCoordinator::showInterfacePreview()
 {
-    m_card.present(ProviderDefinition::definition(QStringLiteral("deepseek")), m_configuration.explanationDepth(),
-                   std::nullopt);
+    m_card.present(ProviderDefinition::definition(QStringLiteral("deepseek")),
+                   m_configuration.explanationDepth(), std::nullopt);
     m_card.beginResponse(false);
     m_card.appendText(previewAnswer());
     m_card.finish();
@@ -269,22 +309,21 @@ void ExplanationCoordinator::showInterfacePreview()
 
 QString ExplanationCoordinator::previewAnswer()
 {
-    return QStringLiteral(
-        "## 一句话解释\n\n"
-        "**边际成本**是指每多生产一件产品，总成本额外增加的那一部分。\n\n"
-        "### 拆开来看\n\n"
-        "1. *总成本*：生产全部产品花掉的钱。\n"
-        "2. *边际*：只看“再多一件”带来的变化。\n"
-        "3. 当边际成本低于售价时，多生产通常更划算。\n\n"
-        "- 常见误区：把**平均成本**当成边际成本。\n"
-        "- 类比：第一张光盘要录制母版，之后每多压一张只要几毛钱。\n\n"
-        "> 经济学里的“边际”几乎都指“再多一个单位”。\n\n"
-        "计算时可以写成 `MC = ΔTC / ΔQ`：\n\n"
-        "```\n"
-        "边际成本 = 总成本的变化 ÷ 产量的变化\n"
-        "```\n\n"
-        "---\n\n"
-        "想继续了解，可以追问[规模经济](https://zh.wikipedia.org/wiki/规模经济)。");
+    return QStringLiteral("## 一句话解释\n\n"
+                          "**边际成本**是指每多生产一件产品，总成本额外增加的那一部分。\n\n"
+                          "### 拆开来看\n\n"
+                          "1. *总成本*：生产全部产品花掉的钱。\n"
+                          "2. *边际*：只看“再多一件”带来的变化。\n"
+                          "3. 当边际成本低于售价时，多生产通常更划算。\n\n"
+                          "- 常见误区：把**平均成本**当成边际成本。\n"
+                          "- 类比：第一张光盘要录制母版，之后每多压一张只要几毛钱。\n\n"
+                          "> 经济学里的“边际”几乎都指“再多一个单位”。\n\n"
+                          "计算时可以写成 `MC = ΔTC / ΔQ`：\n\n"
+                          "```\n"
+                          "边际成本 = 总成本的变化 ÷ 产量的变化\n"
+                          "```\n\n"
+                          "---\n\n"
+                          "想继续了解，可以追问[规模经济](https://zh.wikipedia.org/wiki/规模经济)。");
 }
 
 } // namespace velnora

@@ -8,7 +8,6 @@
 #include "llm/LLMClient.h"
 
 #include <QObject>
-
 #include <functional>
 #include <optional>
 
@@ -65,6 +64,9 @@ private:
     void complete(const StreamResult& result, bool isFollowUp);
     void fail(const ProviderFailure& failure, bool isFollowUp);
     bool tryFallback(const ProviderDiagnosis& diagnosis, bool isFollowUp);
+    // Before a retry or follow-up: settings saved since the session began (a fixed key, say) replace its
+    // configuration. False when they no longer resolve; the card shows why.
+    bool adoptChangedSettings(bool isFollowUp);
 
     ConfigurationStore& m_configuration;
     KeychainStore& m_keychain;
@@ -73,10 +75,13 @@ private:
     Resolution m_resolution;
 
     std::optional<ResolvedProviderConfiguration> m_provider;
+    // What the saved settings resolved to when the session began or last changed.
+    std::optional<ResolvedProviderConfiguration> m_sessionResolution;
     ExplanationConversation m_conversation;
     QString m_currentResponse;
     bool m_isGenerating = false;
     bool m_didFallBack = false;
+    bool m_statusShown = false; // the running answer's first piece set the status
     // Identifies the running stream, so a completion of a stream that was replaced is ignored.
     quint64 m_streamSerial = 0;
 };

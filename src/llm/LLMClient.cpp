@@ -2,6 +2,7 @@
 
 #include "config/AppEdition.h"
 #include "config/PromptLibrary.h"
+#include "llm/ApiKeyCheck.h"
 #include "llm/LLMClientError.h"
 #include "llm/NetworkSupport.h"
 
@@ -42,17 +43,6 @@ QJsonArray turns(const QList<ConversationMessage>& messages, ProviderWireProtoco
 bool isEncodable(const QString& text)
 {
     return text.isValidUtf16();
-}
-
-// A value that may stand in an HTTP header: printable ASCII, no line breaks.
-bool isHeaderSafe(const QString& value)
-{
-    for (QChar c : value) {
-        if (c.unicode() < 0x20 || c.unicode() > 0x7E) {
-            return false;
-        }
-    }
-    return true;
 }
 
 } // namespace
@@ -180,8 +170,11 @@ PreparedRequest LLMClient::makeRequest(const ResolvedProviderConfiguration& prov
     PreparedRequest request = NetworkSupport::prepare("POST", url, streamTimeout);
     request.request.setRawHeader("Content-Type", "application/json");
 
+    if (const std::optional<QString> problem = ApiKeyCheck::problem(provider.apiKey)) {
+        throw LLMClientError::invalidAPIKey(*problem);
+    }
     const QString system = systemText(systemPrompt);
-    bool encodable = isEncodable(system) && isEncodable(provider.model) && isHeaderSafe(provider.apiKey);
+    bool encodable = isEncodable(system) && isEncodable(provider.model);
     for (const ConversationMessage& message : messages) {
         encodable = encodable && isEncodable(message.content);
     }

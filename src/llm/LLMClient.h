@@ -1,7 +1,7 @@
 #pragma once
 
 #include "config/ResolvedProviderConfiguration.h"
-#include "flow/ConversationMessage.h"
+#include "llm/ConversationMessage.h"
 #include "llm/PreparedRequest.h"
 #include "llm/StreamingTransport.h"
 

@@ -6,6 +6,7 @@ QString LLMClientError::description() const
 {
     switch (m_kind) {
     case Kind::api:
+    case Kind::invalidAPIKey:
         return m_message;
     case Kind::http:
         return QStringLiteral("请求失败（HTTP %1）：").arg(m_status) + m_message;

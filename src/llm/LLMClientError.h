@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QString>
-
 #include <exception>
 
 namespace velnora {
@@ -10,11 +9,19 @@ namespace velnora {
 class LLMClientError : public std::exception
 {
 public:
-    enum class Kind { api, http, invalidRequest, cancelled, emptyResponse };
+    enum class Kind { api, http, invalidRequest, invalidAPIKey, cancelled, emptyResponse };
 
     static LLMClientError api(QString message) { return LLMClientError(Kind::api, 0, std::move(message)); }
-    static LLMClientError http(int status, QString message) { return LLMClientError(Kind::http, status, std::move(message)); }
+    static LLMClientError http(int status, QString message)
+    {
+        return LLMClientError(Kind::http, status, std::move(message));
+    }
     static LLMClientError invalidRequest() { return LLMClientError(Kind::invalidRequest, 0, {}); }
+    // A key that cannot travel in a header; the message says which character (ApiKeyCheck).
+    static LLMClientError invalidAPIKey(QString message)
+    {
+        return LLMClientError(Kind::invalidAPIKey, 0, std::move(message));
+    }
     static LLMClientError cancelled() { return LLMClientError(Kind::cancelled, 0, {}); }
     static LLMClientError emptyResponse() { return LLMClientError(Kind::emptyResponse, 0, {}); }
 
@@ -30,7 +37,9 @@ public:
     }
 
 private:
-    LLMClientError(Kind kind, int status, QString message) : m_kind(kind), m_status(status), m_message(std::move(message)) {}
+    LLMClientError(Kind kind, int status, QString message)
+        : m_kind(kind), m_status(status), m_message(std::move(message))
+    {}
 
     Kind m_kind;
     int m_status;

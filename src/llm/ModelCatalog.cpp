@@ -2,48 +2,31 @@
 
 #include "config/AppEdition.h"
 #include "config/ConfigurationError.h"
+#include "llm/ApiKeyCheck.h"
 #include "llm/LLMClient.h"
+#include "llm/NetworkFetch.h"
 #include "llm/NetworkSupport.h"
 
-#include <QCoreApplication>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkAccessManager>
-#include <QNetworkReply>
 #include <QPointer>
 #include <QSet>
-#include <QTimer>
 #include <algorithm>
-#include <memory>
 
 namespace velnora::ModelCatalog {
 
 namespace {
 
-template <typename Fn> void onMainThread(Fn&& fn)
-{
-    QMetaObject::invokeMethod(QCoreApplication::instance(), std::forward<Fn>(fn), Qt::QueuedConnection);
-}
-
 void complete(const Completion& completion, ModelListResult result)
 {
-    onMainThread([completion, result = std::move(result)] {
+    NetworkSupport::onMainThread([completion, result = std::move(result)] {
         if (completion) {
             completion(result);
         }
     });
 }
-
-// One fetch in flight: the reply, its inactivity timer and the body read so far.
-struct Fetch
-{
-    QPointer<QNetworkReply> reply;
-    QTimer timer;
-    QByteArray body;
-    bool timedOut = false;
-    bool done = false;
-};
 
 } // namespace
 
@@ -76,10 +59,8 @@ std::optional<PreparedRequest> request(const ResolvedProviderConfiguration& prov
     } catch (const LLMClientError&) {
         return std::nullopt;
     }
-    for (QChar c : provider.apiKey) {
-        if (c.unicode() < 0x20 || c.unicode() > 0x7E) {
-            return std::nullopt; // cannot stand in a header
-        }
+    if (ApiKeyCheck::problem(provider.apiKey)) {
+        return std::nullopt;
     }
     const QUrl url = LLMClient::endpoint(QUrl(provider.baseURL), QStringLiteral("models"));
     if (!url.isValid()) {
@@ -122,6 +103,10 @@ void fetch(const ResolvedProviderConfiguration& provider, Completion completion,
 void fetch(const ResolvedProviderConfiguration& provider, Completion completion, const AddressPolicy& policy,
            QNetworkAccessManager* session)
 {
+    if (const std::optional<QString> problem = ApiKeyCheck::problem(provider.apiKey)) {
+        complete(completion, ModelListResult::failed(LLMClientError::invalidAPIKey(*problem)));
+        return;
+    }
     const std::optional<PreparedRequest> prepared = request(provider, policy);
     if (!prepared) {
         complete(completion, ModelListResult::failed(LLMClientError::invalidRequest()));
@@ -133,98 +118,29 @@ void fetch(const ResolvedProviderConfiguration& provider, Completion completion,
 void fetch(const PreparedRequest& request, const QString& providerID, Completion completion,
            QNetworkAccessManager* session)
 {
-    if (!session) {
-        session = defaultSession();
-    }
-    auto state = std::make_shared<Fetch>();
-    state->reply = NetworkSupport::send(*session, request);
-    QNetworkReply* reply = state->reply;
-    const std::chrono::milliseconds timeout = request.inactivityTimeout;
-
-    auto finish = [state, completion](ModelListResult result) {
-        if (state->done) {
-            return;
-        }
-        state->done = true;
-        state->timer.stop();
-        state->body = QByteArray();
-        if (state->reply) {
-            state->reply->disconnect();
-            if (state->reply->isRunning()) {
-                state->reply->abort();
+    NetworkFetch::start(
+        *(session ? session : defaultSession()), request, {},
+        [providerID, completion](const NetworkFetch::Outcome& outcome) {
+            if (!outcome.ok()) {
+                complete(completion, ModelListResult::failed(outcome.failure()));
+                return;
             }
-            state->reply->deleteLater();
-        }
-        complete(completion, std::move(result));
-    };
-
-    state->timer.setSingleShot(true);
-    QObject::connect(&state->timer, &QTimer::timeout, reply, [state] {
-        if (!state->done && state->reply) {
-            state->timedOut = true;
-            state->reply->abort();
-        }
-    });
-    const auto activity = [state, timeout] {
-        if (!state->done && timeout.count() > 0) {
-            state->timer.start(timeout);
-        }
-    };
-    QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, activity);
-    QObject::connect(reply, &QNetworkReply::readyRead, reply, [state, activity, finish] {
-        activity();
-        const QByteArray bytes = state->reply->readAll();
-        if (bytes.size() > NetworkSupport::bodyLimit - state->body.size()) {
-            finish(ModelListResult::failed(NetworkSupport::bodyTooLarge(NetworkSupport::bodyLimit)));
-            return;
-        }
-        state->body.append(bytes);
-    });
-    QObject::connect(reply, &QNetworkReply::finished, reply, [state, finish, providerID, timeout] {
-        if (state->done) {
-            return;
-        }
-        QNetworkReply* reply = state->reply;
-        const QByteArray rest = reply->isOpen() ? reply->readAll() : QByteArray();
-        if (rest.size() > NetworkSupport::bodyLimit - state->body.size()) {
-            finish(ModelListResult::failed(NetworkSupport::bodyTooLarge(NetworkSupport::bodyLimit)));
-            return;
-        }
-        state->body.append(rest);
-        if (state->timedOut) {
-            finish(ModelListResult::failed(NetworkSupport::inactivityTimeout(timeout)));
-            return;
-        }
-        const std::optional<int> status = NetworkSupport::httpStatus(*reply);
-        if (NetworkSupport::isTransportFailure(reply->error(), status)) {
-            finish(ModelListResult::failed(NetworkSupport::transportFailure(*reply)));
-            return;
-        }
-        if (std::optional<NetworkError> truncated =
-                NetworkSupport::truncatedBody(*reply, state->body.size())) {
-            finish(ModelListResult::failed(*truncated));
-            return;
-        }
-        const int code = status.value_or(0);
-        if (code < 200 || code > 299) {
-            QString text;
-            if (state->body.isValidUtf8()) {
-                text = QString::fromUtf8(state->body);
+            const NetworkFetch::Response& response = outcome.value();
+            const int code = response.status.value_or(0);
+            if (code < 200 || code > 299) {
+                const QString text =
+                    response.body.isValidUtf8() ? QString::fromUtf8(response.body) : QString();
+                complete(completion, ModelListResult::failed(LLMClientError::http(code, text)));
+                return;
             }
-            finish(ModelListResult::failed(LLMClientError::http(code, text)));
-            return;
-        }
-        QStringList allowed;
-        for (const QString& id : parse(state->body)) {
-            if (AppEdition::modelAllowed(id, providerID)) {
-                allowed.append(id);
+            QStringList allowed;
+            for (const QString& id : parse(response.body)) {
+                if (AppEdition::modelAllowed(id, providerID)) {
+                    allowed.append(id);
+                }
             }
-        }
-        finish(ModelListResult::success(allowed));
-    });
-    if (timeout.count() > 0) {
-        state->timer.start(timeout);
-    }
+            complete(completion, ModelListResult::success(allowed));
+        });
 }
 
 QStringList parse(const QByteArray& data)

@@ -1,9 +1,13 @@
 #include "llm/NetworkSupport.h"
 
+#include <QHostAddress>
 #include <QNetworkAccessManager>
 #include <QNetworkCookie>
 #include <QNetworkCookieJar>
+#include <QNetworkInformation>
+#include <QNetworkInterface>
 #include <QNetworkProxyFactory>
+#include <algorithm>
 
 namespace velnora::NetworkSupport {
 
@@ -112,9 +116,55 @@ bool isTransportFailure(QNetworkReply::NetworkError code, std::optional<int> sta
     }
 }
 
-NetworkError transportFailure(const QNetworkReply& reply)
+NetworkError transportFailure(const QNetworkReply& reply, const QList<QSslError>& sslErrors)
 {
-    return NetworkError{reply.error(), reply.errorString()};
+    NetworkError error{reply.error(), reply.errorString()};
+    if (error.code == QNetworkReply::SslHandshakeFailedError && !sslErrors.isEmpty()) {
+        QStringList problems;
+        for (const QSslError& problem : sslErrors) {
+            if (!problems.contains(problem.errorString())) {
+                problems.append(problem.errorString());
+            }
+        }
+        error.systemMessage = problems.join(QStringLiteral("；"));
+        error.certificateRejected = true;
+    }
+    switch (error.code) {
+    // What a request meets without a network; a refusal or a TLS failure proves there is one.
+    case QNetworkReply::HostNotFoundError:
+    case QNetworkReply::UnknownNetworkError:
+    case QNetworkReply::TemporaryNetworkFailureError:
+    case QNetworkReply::NetworkSessionFailedError:
+    case QNetworkReply::TimeoutError: {
+        QHostAddress address;
+        const QString host = reply.url().host();
+        const bool loopback = host.compare(QStringLiteral("localhost"), Qt::CaseInsensitive) == 0 ||
+                              (address.setAddress(host) && address.isLoopback());
+        error.offline = !loopback && !networkReachable();
+        break;
+    }
+    default:
+        break;
+    }
+    return error;
+}
+
+bool networkReachable()
+{
+    if (!QNetworkInformation::instance()) {
+        QNetworkInformation::load(QNetworkInformation::Feature::Reachability);
+    }
+    if (const QNetworkInformation* information = QNetworkInformation::instance();
+        information && information->reachability() != QNetworkInformation::Reachability::Unknown) {
+        return information->reachability() != QNetworkInformation::Reachability::Disconnected;
+    }
+    // No backend could tell: any interface that is up with an address outside loopback counts.
+    const QList<QNetworkInterface> interfaces = QNetworkInterface::allInterfaces();
+    return std::any_of(interfaces.begin(), interfaces.end(), [](const QNetworkInterface& interface) {
+        const auto flags = interface.flags();
+        return flags.testFlag(QNetworkInterface::IsUp) && flags.testFlag(QNetworkInterface::IsRunning) &&
+               !flags.testFlag(QNetworkInterface::IsLoopBack) && !interface.addressEntries().isEmpty();
+    });
 }
 
 std::optional<NetworkError> truncatedBody(const QNetworkReply& reply, qint64 receivedBytes)

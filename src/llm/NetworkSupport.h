@@ -4,7 +4,9 @@
 #include "llm/NetworkError.h"
 #include "llm/PreparedRequest.h"
 
+#include <QCoreApplication>
 #include <QNetworkReply>
+#include <QSslError>
 #include <chrono>
 #include <optional>
 
@@ -35,7 +37,11 @@ std::optional<int> httpStatus(const QNetworkReply& reply);
 // Whether a reply's error is a failure of the transport (connection, DNS, TLS, time-out …) rather than
 // Qt's translation of an HTTP status that was received and is judged on its own.
 bool isTransportFailure(QNetworkReply::NetworkError code, std::optional<int> status);
-NetworkError transportFailure(const QNetworkReply& reply);
+// The certificate problems the reply reported, if any, name what was wrong with the server's certificate.
+NetworkError transportFailure(const QNetworkReply& reply, const QList<QSslError>& sslErrors = {});
+// False only when the system says there is no network at all (no route out); for a failed request, this
+// tells "offline" from "this address does not exist".
+bool networkReachable();
 // A body that ended before the length its Content-Length announced (the connection closed early), which
 // Qt does not always report itself. Bodies in a content encoding are not judged.
 std::optional<NetworkError> truncatedBody(const QNetworkReply& reply, qint64 receivedBytes);
@@ -43,6 +49,13 @@ std::optional<NetworkError> truncatedBody(const QNetworkReply& reply, qint64 rec
 NetworkError inactivityTimeout(std::chrono::milliseconds timeout);
 // The failure reported when a response body grows past bodyLimit.
 LLMClientError bodyTooLarge(qsizetype limit);
+
+// Runs fn on the main thread, after everything queued there before it: completions and pieces are
+// delivered there, never inside the network code that produced them.
+template <typename Fn> void onMainThread(Fn&& fn)
+{
+    QMetaObject::invokeMethod(QCoreApplication::instance(), std::forward<Fn>(fn), Qt::QueuedConnection);
+}
 
 // A short Chinese phrase for an HTTP status code ("未授权" for 401), for error bodies that carry no message.
 QString reasonPhrase(int status);

@@ -18,12 +18,14 @@ bool containsAny(const QString& text, std::initializer_list<const char*> needles
 
 ProviderDiagnosis modelOutcome(const QString& detail)
 {
-    return {QStringLiteral("模型名称不被这家服务识别，请检查拼写或换一个模型。"), ProviderField::model, detail};
+    return {QStringLiteral("模型名称不被这家服务识别，请检查拼写或换一个模型。"), ProviderField::model,
+            detail};
 }
 
 ProviderDiagnosis balanceOutcome(const QString& detail)
 {
-    return {QStringLiteral("这个账号的余额或额度已用尽，请充值后重试（API Key 本身没问题）。"), std::nullopt, detail};
+    return {QStringLiteral("这个账号的余额或额度已用尽，请充值后重试（API Key 本身没问题）。"), std::nullopt,
+            detail};
 }
 
 ProviderDiagnosis diagnoseConfiguration(const ConfigurationError& error)
@@ -32,7 +34,8 @@ ProviderDiagnosis diagnoseConfiguration(const ConfigurationError& error)
     case ConfigurationError::Kind::editionRestricted:
         return {error.description(), ProviderField::baseURL, std::nullopt};
     case ConfigurationError::Kind::invalidBaseURL:
-        return {QStringLiteral("API 地址无效，必须是完整的 https 地址。"), ProviderField::baseURL, std::nullopt};
+        return {QStringLiteral("API 地址无效，必须是完整的 https 地址。"), ProviderField::baseURL,
+                std::nullopt};
     case ConfigurationError::Kind::missingModel:
         return {QStringLiteral("还没有填写模型名称。"), ProviderField::model, std::nullopt};
     case ConfigurationError::Kind::missingAPIKey:
@@ -43,6 +46,15 @@ ProviderDiagnosis diagnoseConfiguration(const ConfigurationError& error)
 
 ProviderDiagnosis diagnoseNetwork(const NetworkError& error)
 {
+    if (error.offline) {
+        return {QStringLiteral("网络不可用或超时，稍后重试。"), std::nullopt, error.systemMessage};
+    }
+    if (error.certificateRejected) {
+        return {QStringLiteral(
+                    "服务器的安全证书没有通过验证，连接已中止。可能是网络中的代理或安全软件在拦截加密连接，"
+                    "也可能是电脑的日期和时间不对。"),
+                std::nullopt, error.systemMessage};
+    }
     switch (error.code) {
     case QNetworkReply::TemporaryNetworkFailureError:
     case QNetworkReply::NetworkSessionFailedError:
@@ -51,10 +63,12 @@ ProviderDiagnosis diagnoseNetwork(const NetworkError& error)
     case QNetworkReply::ProxyTimeoutError:
         return {QStringLiteral("网络不可用或超时，稍后重试。"), std::nullopt, error.systemMessage};
     case QNetworkReply::HostNotFoundError:
-        return {QStringLiteral("找不到这个域名，请检查 Base URL 是否拼错。"), ProviderField::baseURL, error.systemMessage};
+        return {QStringLiteral("找不到这个域名，请检查 Base URL 是否拼错。"), ProviderField::baseURL,
+                error.systemMessage};
     case QNetworkReply::ConnectionRefusedError:
     case QNetworkReply::SslHandshakeFailedError:
-        return {QStringLiteral("连不上这个地址，请检查 Base URL 或网络。"), ProviderField::baseURL, error.systemMessage};
+        return {QStringLiteral("连不上这个地址，请检查 Base URL 或网络。"), ProviderField::baseURL,
+                error.systemMessage};
     default:
         return {error.description(), std::nullopt, std::nullopt};
     }
@@ -67,6 +81,8 @@ ProviderDiagnosis diagnoseClient(const LLMClientError& error)
         return ProviderDiagnostics::diagnose(std::nullopt, error.message());
     case LLMClientError::Kind::http:
         return ProviderDiagnostics::diagnose(error.status(), error.message());
+    case LLMClientError::Kind::invalidAPIKey:
+        return {error.message(), ProviderField::apiKey, std::nullopt};
     default:
         return {error.description(), std::nullopt, std::nullopt};
     }
@@ -107,7 +123,8 @@ QString ProviderDiagnosis::message() const
 ProviderDiagnosis ProviderDiagnostics::diagnose(const ProviderFailure& failure)
 {
     if (const auto* keychain = std::get_if<KeychainError>(&failure)) {
-        return {QStringLiteral("API Key 钥匙串访问失败，请解锁钥匙串并允许澜镜访问，或在设置中修复钥匙串授权。\n") +
+        return {QStringLiteral(
+                    "API Key 钥匙串访问失败，请解锁钥匙串并允许澜镜访问，或在设置中修复钥匙串授权。\n") +
                     keychain->description(),
                 ProviderField::apiKey, std::nullopt};
     }
@@ -125,11 +142,11 @@ ProviderDiagnosis ProviderDiagnostics::diagnose(std::optional<int> status, const
     const QString text = message.toLower();
     const bool modelSubject = containsAny(text, {"model", "endpoint", "模型"});
     const bool modelComplaint =
-        modelSubject && containsAny(text, {"not exist", "not found", "does not exist", "no access", "not have access",
-                                           "supported", "unsupported", "invalid", "unknown", "you passed", "不存在",
-                                           "不支持", "无效", "未找到"});
-    const bool keyWording = containsAny(
-        text, {"invalid api key", "incorrect api key", "authentication", "unauthorized", "invalid_api_key", "api key"});
+        modelSubject && containsAny(text, {"not exist", "not found", "does not exist", "no access",
+                                           "not have access", "supported", "unsupported", "invalid",
+                                           "unknown", "you passed", "不存在", "不支持", "无效", "未找到"});
+    const bool keyWording = containsAny(text, {"invalid api key", "incorrect api key", "authentication",
+                                               "unauthorized", "invalid_api_key", "api key"});
     const bool balanceWording =
         containsAny(text, {"insufficient balance", "insufficient_quota", "insufficient quota",
                            "exceeded your current quota", "quota exceeded", "arrears", "余额不足", "额度不足",
@@ -154,7 +171,8 @@ ProviderDiagnosis ProviderDiagnostics::diagnose(std::optional<int> status, const
         return {QStringLiteral("这个 Key 没有权限调用该模型，可能是地域或套餐限制。"),
                 keyWording ? ProviderField::apiKey : ProviderField::model, message};
     case 404:
-        return {QStringLiteral("接口地址不存在，请检查 Base URL 是否少写或多写了版本路径。"), ProviderField::baseURL, message};
+        return {QStringLiteral("接口地址不存在，请检查 Base URL 是否少写或多写了版本路径。"),
+                ProviderField::baseURL, message};
     case 429:
         return {QStringLiteral("请求过于频繁或余额/额度已用尽，稍后再试。"), std::nullopt, message};
     default:

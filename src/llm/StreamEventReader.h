@@ -33,8 +33,6 @@ public:
     bool receivedText() const { return m_receivedText; }
     // Bytes examined for line ends so far: equals the bytes fed, whatever the chunking.
     qint64 scannedBytes() const { return m_scannedBytes; }
-    // Bytes of an unfinished line kept for the next delivery.
-    qsizetype pendingBytes() const { return m_buffer.size() - m_lineStart; }
 
 private:
     void processLine(QByteArrayView line);

@@ -208,7 +208,13 @@ std::optional<QString> errorMessage(const QJsonObject& object)
         }
         return std::nullopt;
     }
-    if (object.value(QLatin1StringView("type")).toString() == u"error") {
+    const QString type = object.value(QLatin1StringView("type")).toString();
+    if (type == u"response.failed") {
+        // The Responses API puts the reason inside the failed response.
+        return errorMessage(object.value(QLatin1StringView("response")).toObject())
+            .value_or(QStringLiteral("模型服务中止了这次回答。"));
+    }
+    if (type == u"error") {
         const QString message = nonEmptyString(object, QLatin1StringView("message"));
         if (!message.isEmpty()) {
             return message;

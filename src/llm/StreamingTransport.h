@@ -1,6 +1,7 @@
 #pragma once
 
 #include "config/ProviderCatalog.h"
+#include "llm/NetworkFetch.h"
 #include "llm/PreparedRequest.h"
 #include "llm/ProviderResult.h"
 #include "llm/StreamEventReader.h"
@@ -8,13 +9,11 @@
 #include <QByteArray>
 #include <QObject>
 #include <QPointer>
-#include <QTimer>
 #include <functional>
 #include <memory>
 #include <optional>
 
 class QNetworkAccessManager;
-class QNetworkReply;
 
 namespace velnora {
 
@@ -37,39 +36,22 @@ public:
     // Stops the request; the completion `cancelled` follows asynchronously. Nothing once completed.
     void cancel();
 
-    bool isFinished() const { return m_finished; }
-    // The largest body kept in memory (error bodies, non-streamed answers); past it the request fails.
-    void setBodyLimit(qsizetype limit) { m_bodyLimit = limit; }
-    qsizetype bodyLimit() const { return m_bodyLimit; }
-    // Bytes of the response body kept so far.
-    qsizetype keptBodyBytes() const { return m_rawResponse.size(); }
-
 private:
     StreamingTransport(ProviderWireProtocol protocol, DeltaHandler onDelta, CompletionHandler onComplete);
 
-    void onMetaData();
-    void onReadyRead();
-    void onFinished();
-    void onInactivity();
-    bool take(const QByteArray& bytes);
+    bool takeBody(const QByteArray& bytes, bool last);
+    void onFetched(const NetworkFetch::Outcome& outcome);
     void emitDelta(const QString& text);
     void finish(StreamResult result);
     void releaseNetwork();
 
-    ProviderWireProtocol m_protocol;
     DeltaHandler m_onDelta;
     CompletionHandler m_onComplete;
     StreamEventReader m_reader;
 
     QPointer<QNetworkAccessManager> m_manager;
-    QPointer<QNetworkReply> m_reply;
-    QTimer m_inactivity;
-    std::chrono::milliseconds m_timeout{0};
-
-    QByteArray m_rawResponse;
-    qsizetype m_bodyLimit;
-    std::optional<int> m_statusCode;
-    bool m_timedOut = false;
+    QPointer<NetworkFetch> m_fetch;
+    bool m_started = false;
     bool m_finished = false;
     std::shared_ptr<StreamingTransport> m_self; // held from start until completion
 };

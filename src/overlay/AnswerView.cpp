@@ -3,6 +3,7 @@
 #include "overlay/MarkdownRenderer.h"
 
 #include <QAbstractTextDocumentLayout>
+#include <QDesktopServices>
 #include <QPainter>
 #include <QScrollBar>
 #include <QTextBlock>
@@ -13,6 +14,20 @@ namespace velnora {
 AnswerView::AnswerView(QWidget* parent) : QTextBrowser(parent)
 {
     setViewportMargins(4, 8, 4, 8);
+    // QTextBrowser would open any scheme itself, or navigate the view to a relative one.
+    setOpenLinks(false);
+    connect(this, &QTextBrowser::anchorClicked, this, [](const QUrl& url) {
+        if (isOpenableLink(url)) {
+            QDesktopServices::openUrl(url);
+        }
+    });
+}
+
+bool AnswerView::isOpenableLink(const QUrl& url)
+{
+    const QString scheme = url.scheme().toLower();
+    const bool web = (scheme == u"http" || scheme == u"https") && !url.host().isEmpty();
+    return url.isValid() && (web || (scheme == u"mailto" && !url.path().isEmpty()));
 }
 
 QList<AnswerView::CodePanel> AnswerView::codePanels() const
@@ -35,7 +50,8 @@ QList<AnswerView::CodePanel> AnswerView::codePanels() const
         const QTextLine first = lines->lineAt(0);
         const QTextLine last = lines->lineAt(lines->lineCount() - 1);
         const qreal top = lines->position().y() + first.y() - MarkdownRenderer::codePanelPadding;
-        const qreal bottom = lines->position().y() + last.y() + last.height() + MarkdownRenderer::codePanelPadding;
+        const qreal bottom =
+            lines->position().y() + last.y() + last.height() + MarkdownRenderer::codePanelPadding;
         const QTextBlockFormat format = block.blockFormat();
         if (extending && !panels.isEmpty()) {
             panels.back().rect.setBottom(bottom);

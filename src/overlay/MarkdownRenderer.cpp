@@ -5,7 +5,6 @@
 #include <QTextCursor>
 #include <QTextDocument>
 #include <QUrl>
-
 #include <algorithm>
 #include <array>
 #include <optional>
@@ -153,7 +152,8 @@ public:
 private:
     static QStringView spelling(Token token)
     {
-        static constexpr std::array<const char16_t*, count> spellings{u"`", u"**", u"__", u"~~", u"*", u"](", u")"};
+        static constexpr std::array<const char16_t*, count> spellings{u"`", u"**", u"__", u"~~",
+                                                                      u"*", u"](", u")"};
         return QStringView(spellings[token]);
     }
 
@@ -164,7 +164,8 @@ private:
 class Writer
 {
 public:
-    Writer(QTextDocument& document, const SemanticColors& colours) : m_cursor(&document), m_colours(colours) {}
+    Writer(QTextDocument& document, const SemanticColors& colours) : m_cursor(&document), m_colours(colours)
+    {}
 
     QTextCursor& cursor() { return m_cursor; }
 
@@ -191,7 +192,8 @@ public:
             insert(plain, format);
             plain.clear();
         };
-        auto styled = [&](qsizetype open, qsizetype close, qsizetype markerLength, const QTextCharFormat& inner) {
+        auto styled = [&](qsizetype open, qsizetype close, qsizetype markerLength,
+                          const QTextCharFormat& inner) {
             flush();
             appendInline(text.sliced(open + markerLength, close - open - markerLength), inner, depth + 1);
         };
@@ -209,7 +211,7 @@ public:
                     continue;
                 }
             } else if (doubled && (c == u'*' || c == u'_' || c == u'~')) {
-                const auto token = c == u'*' ? TokenSearch::doubleStar
+                const auto token = c == u'*'   ? TokenSearch::doubleStar
                                    : c == u'_' ? TokenSearch::doubleUnderscore
                                                : TokenSearch::doubleTilde;
                 if (const auto close = search.find(token, i + 2)) {
@@ -241,7 +243,8 @@ public:
                 if (const auto middle = search.find(TokenSearch::linkMiddle, i + 1)) {
                     if (const auto close = search.find(TokenSearch::closeParen, *middle + 2)) {
                         const QStringView label = text.sliced(i + 1, *middle - i - 1);
-                        const QUrl url(text.sliced(*middle + 2, *close - *middle - 2).toString(), QUrl::StrictMode);
+                        const QUrl url(text.sliced(*middle + 2, *close - *middle - 2).toString(),
+                                       QUrl::StrictMode);
                         if (url.isValid() && !url.scheme().isEmpty()) {
                             QTextCharFormat inner = format;
                             inner.setAnchor(true);
@@ -342,8 +345,10 @@ void appendCodeBlock(Writer& writer, const QString& body, QStringView language, 
     if (!language.isEmpty()) {
         QTextBlockFormat label = block;
         label.setBottomMargin(0);
-        writer.startBlock(label, charStyle(OverlayStyle::uiFont(smallSize, QFont::DemiBold), colours.secondaryLabel));
-        writer.insert(language, charStyle(OverlayStyle::uiFont(smallSize, QFont::DemiBold), colours.secondaryLabel));
+        writer.startBlock(
+            label, charStyle(OverlayStyle::uiFont(smallSize, QFont::DemiBold), colours.secondaryLabel));
+        writer.insert(language,
+                      charStyle(OverlayStyle::uiFont(smallSize, QFont::DemiBold), colours.secondaryLabel));
         block.setTopMargin(0);
     }
     const QTextCharFormat chars = charStyle(codeFont(), colours.label);
@@ -391,6 +396,23 @@ QString horizontalRuleText()
 void render(const QString& markdown, QTextDocument& document)
 {
     render(markdown, document, SemanticColors::current());
+}
+
+QString fenceCloser(const QString& markdown)
+{
+    QString normalised = markdown;
+    normalised.replace(u'\r', u'\n');
+    bool open = false;
+    for (QStringView line : QStringView(normalised).split(u'\n')) {
+        // Fences open and close on the same test as in render, so both agree on what is code.
+        if (trimSpacesAndTabs(line).startsWith(u"```")) {
+            open = !open;
+        }
+    }
+    if (!open) {
+        return {};
+    }
+    return markdown.endsWith(u'\n') ? QStringLiteral("```\n") : QStringLiteral("\n```\n");
 }
 
 void render(const QString& markdown, QTextDocument& document, const SemanticColors& colours)

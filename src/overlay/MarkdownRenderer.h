@@ -20,6 +20,10 @@ namespace MarkdownRenderer {
 void render(const QString& markdown, QTextDocument& document, const SemanticColors& colours);
 void render(const QString& markdown, QTextDocument& document); // colours of the application palette
 
+// What must follow `markdown` so that text appended after it is not drawn inside a code listing that a
+// cut-off answer left open: a closing fence on a line of its own, or nothing.
+QString fenceCloser(const QString& markdown);
+
 QFont bodyFont();
 QFont codeFont();
 QFont headingFont(int level);

@@ -1,5 +1,7 @@
 #include "overlay/OverlayGeometry.h"
 
+#include <QGuiApplication>
+#include <QScreen>
 #include <algorithm>
 
 namespace velnora::OverlayGeometry {
@@ -73,6 +75,20 @@ QPoint pillOrigin(const QPoint& desired, const QSize& size, const QRect& visible
     const int minY = visibleFrame.y() + edgeMargin;
     const int maxY = std::max(minY, visibleFrame.y() + visibleFrame.height() - size.height() - edgeMargin);
     return {std::clamp(desired.x(), minX, maxX), std::clamp(desired.y(), minY, maxY)};
+}
+
+QList<ScreenArea> desktopScreens()
+{
+    QList<ScreenArea> areas;
+    QList<QScreen*> screens = QGuiApplication::screens();
+    if (QScreen* primary = QGuiApplication::primaryScreen()) {
+        screens.removeAll(primary);
+        screens.prepend(primary);
+    }
+    for (QScreen* screen : screens) {
+        areas.append({screen->geometry(), screen->availableGeometry()});
+    }
+    return areas;
 }
 
 } // namespace velnora::OverlayGeometry

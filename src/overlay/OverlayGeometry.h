@@ -4,7 +4,6 @@
 #include <QPoint>
 #include <QRect>
 #include <QSize>
-
 #include <optional>
 
 namespace velnora {
@@ -38,6 +37,9 @@ bool isMenuBarClick(const QPoint& point, const QList<ScreenArea>& screens);
 QPoint defaultPillOrigin(const QSize& size, const QRect& visibleFrame);
 // Keeps the capsule 8 pixels inside the visible frame; the lower bound wins when the frame is too small.
 QPoint pillOrigin(const QPoint& desired, const QSize& size, const QRect& visibleFrame);
+
+// The desktop's screens as Qt reports them, the primary one first.
+QList<ScreenArea> desktopScreens();
 
 } // namespace OverlayGeometry
 } // namespace velnora

@@ -9,6 +9,7 @@
 #include "overlay/ProviderIconView.h"
 #include "overlay/StatusDotView.h"
 #include "overlay/ToolbarButton.h"
+#include "overlay/X11Desktop.h"
 
 #include <QAbstractTextDocumentLayout>
 #include <QApplication>
@@ -29,66 +30,6 @@ namespace velnora {
 namespace {
 
 constexpr int fadeMs = 160;
-
-QString rgba(const QColor& colour)
-{
-    return QStringLiteral("rgba(%1,%2,%3,%4)")
-        .arg(colour.red())
-        .arg(colour.green())
-        .arg(colour.blue())
-        .arg(colour.alphaF(), 0, 'f', 3);
-}
-
-QColor faded(QColor colour, qreal alpha)
-{
-    colour.setAlphaF(colour.alphaF() * alpha);
-    return colour;
-}
-
-QString styleSheet(const SemanticColors& c)
-{
-    const QString label = rgba(c.label);
-    return QStringLiteral(R"(
-QLabel#providerTitle { color: %1; }
-QLabel#providerContext { color: %2; }
-QFrame#separator { background: %3; border: none; }
-QTextBrowser { background: transparent; border: none; color: %1; selection-background-color: %4; }
-QLineEdit { background: %5; color: %1; border: 1px solid %3; border-radius: 8px; padding: 4px 9px;
-            selection-background-color: %4; }
-QLineEdit:focus { border: 1px solid %4; }
-QLineEdit:disabled { color: %6; }
-QPushButton { background: %5; color: %1; border: 1px solid %3; border-radius: 8px; padding: 4px 12px;
-              min-height: 22px; }
-QPushButton:hover { background: %7; }
-QPushButton:disabled { color: %6; }
-QPushButton#sendButton { background: %4; color: white; border: none; }
-QPushButton#sendButton:disabled { background: %8; color: rgba(255,255,255,0.75); }
-QPushButton#fixButton { background: %9; color: %10; border: 1px solid %10; }
-QScrollBar:vertical { background: transparent; width: 8px; margin: 2px 0; }
-QScrollBar::handle:vertical { background: %6; border-radius: 3px; min-height: 28px; margin: 0 1px; }
-QScrollBar::add-line:vertical, QScrollBar::sub-line:vertical { height: 0; }
-QScrollBar::add-page:vertical, QScrollBar::sub-page:vertical { background: transparent; }
-QToolTip { color: %1; background: %11; border: 1px solid %3; padding: 3px 6px; }
-)")
-        .arg(label, rgba(c.secondaryLabel), rgba(c.separator), rgba(c.accent), rgba(c.controlBackground),
-             rgba(c.tertiaryLabel), rgba(c.dark ? c.controlBackground.lighter(130) : c.controlBackground.darker(106)),
-             rgba(faded(c.accent, 0.45)), rgba(faded(c.red, 0.12)))
-        .arg(rgba(c.red), rgba(c.background));
-}
-
-QList<ScreenArea> desktopScreens()
-{
-    QList<ScreenArea> areas;
-    QList<QScreen*> screens = QGuiApplication::screens();
-    if (QScreen* primary = QGuiApplication::primaryScreen()) {
-        screens.removeAll(primary);
-        screens.prepend(primary);
-    }
-    for (QScreen* screen : screens) {
-        areas.append({screen->geometry(), screen->availableGeometry()});
-    }
-    return areas;
-}
 
 QPushButton* makeButton(const QString& text, const char* name, QWidget* parent)
 {
@@ -127,11 +68,13 @@ void OverlayPanelController::buildCard()
 {
     m_panel = new ExplanationPanel;
     connect(m_panel, &ExplanationPanel::closed, this, &OverlayPanelController::panelClosed);
-    connect(m_panel, &ExplanationPanel::applicationPaletteChanged, this, &OverlayPanelController::applyColors);
+    connect(m_panel, &ExplanationPanel::applicationPaletteChanged, this,
+            &OverlayPanelController::applyColors);
 
     auto* column = new QVBoxLayout(m_panel);
     const QMargins shadow = m_panel->shadowMargins();
-    column->setContentsMargins(shadow.left() + 12, shadow.top() + 12, shadow.right() + 12, shadow.bottom() + 12);
+    column->setContentsMargins(shadow.left() + 12, shadow.top() + 12, shadow.right() + 12,
+                               shadow.bottom() + 12);
     column->setSpacing(8);
 
     // Identity and status on one row, the toolbar at its end.
@@ -183,7 +126,6 @@ void OverlayPanelController::buildCard()
     m_outputTextView = new AnswerView(m_panel);
     m_outputTextView->setObjectName(QStringLiteral("outputTextView"));
     m_outputTextView->setAccessibleName(QStringLiteral("解释内容"));
-    m_outputTextView->setOpenExternalLinks(true);
     m_outputTextView->setFrameShape(QFrame::NoFrame);
     m_outputTextView->setFocusPolicy(Qt::ClickFocus);
     m_outputTextView->viewport()->setAutoFillBackground(false);
@@ -250,7 +192,8 @@ PillPanel* OverlayPanelController::pillPanel()
         m_pillPanel->setColors(m_colours);
         connect(m_pillPanel, &PillPanel::clicked, this, &OverlayPanelController::restoreFromPill);
         connect(m_pillPanel, &PillPanel::closeRequested, this, &OverlayPanelController::closeCard);
-        connect(m_pillPanel, &PillPanel::dragFinished, this, [this](const QPoint& origin) { m_pillOrigin = origin; });
+        connect(m_pillPanel, &PillPanel::dragFinished, this,
+                [this](const QPoint& origin) { m_pillOrigin = origin; });
     }
     return m_pillPanel;
 }
@@ -259,7 +202,7 @@ void OverlayPanelController::applyColors()
 {
     m_colours = SemanticColors::current();
     m_panel->setColors(m_colours);
-    m_panel->setStyleSheet(styleSheet(m_colours));
+    m_panel->setStyleSheet(OverlayStyle::cardStyleSheet(m_colours));
     QPalette fieldPalette = m_followUpField->palette();
     fieldPalette.setColor(QPalette::PlaceholderText, m_colours.tertiaryLabel);
     m_followUpField->setPalette(fieldPalette);
@@ -271,7 +214,7 @@ void OverlayPanelController::applyColors()
     if (m_pillPanel) {
         m_pillPanel->setColors(m_colours);
     }
-    setStatus(m_statusLabel->text(), m_statusTone);
+    applyStatusColour();
     // The document holds fixed colours: a theme switch needs a fresh render.
     if (!m_sourceMarkdown.isEmpty()) {
         renderImmediately();
@@ -294,14 +237,23 @@ void OverlayPanelController::updateIdentity(const ProviderDefinition& provider, 
 
 void OverlayPanelController::setStatus(const QString& text, CardStatusTone tone)
 {
+    // Called for every piece of a streaming answer: a style sheet is only parsed again on a change.
+    if (tone == m_statusTone && text == m_statusLabel->text()) {
+        return;
+    }
     m_statusTone = tone;
     m_statusLabel->setText(text);
+    applyStatusColour();
+}
+
+void OverlayPanelController::applyStatusColour()
+{
     const QColor colour = statusColor();
     m_statusDotView->setColor(colour);
     QPalette palette = m_statusLabel->palette();
     palette.setColor(QPalette::WindowText, colour);
     m_statusLabel->setPalette(palette);
-    m_statusLabel->setStyleSheet(QStringLiteral("color: %1;").arg(rgba(colour)));
+    m_statusLabel->setStyleSheet(QStringLiteral("color: %1;").arg(OverlayStyle::cssColour(colour)));
 }
 
 QString OverlayPanelController::statusText() const
@@ -311,19 +263,7 @@ QString OverlayPanelController::statusText() const
 
 QColor OverlayPanelController::statusColor() const
 {
-    switch (m_statusTone) {
-    case CardStatusTone::waiting:
-        return m_colours.tertiaryLabel;
-    case CardStatusTone::working:
-        return m_colours.blue;
-    case CardStatusTone::success:
-        return m_colours.green;
-    case CardStatusTone::warning:
-        return m_colours.orange;
-    case CardStatusTone::failure:
-        return m_colours.red;
-    }
-    return m_colours.label;
+    return m_colours.forTone(m_statusTone);
 }
 
 void OverlayPanelController::setInputEnabled(bool enabled)
@@ -343,12 +283,14 @@ void OverlayPanelController::refreshPinButton()
 void OverlayPanelController::present(const ProviderDefinition& provider, ExplanationDepth depth,
                                      const std::optional<QRect>& anchorRect)
 {
-    m_currentDepth = depth;
     updateIdentity(provider, depth);
     setStatus(QStringLiteral("正在连接"), CardStatusTone::waiting);
     m_pendingFixField.reset();
+    m_answerFollowsFallback = false;
+    m_attemptUnanswered = false;
 
     m_sourceMarkdown.clear();
+    m_responseStart = 0;
     m_renderTimer.stop();
     m_outputTextView->clear();
 
@@ -373,8 +315,8 @@ void OverlayPanelController::present(const ProviderDefinition& provider, Explana
 void OverlayPanelController::continueSession(const ProviderDefinition& provider, ExplanationDepth depth,
                                              const std::optional<QRect>& anchorRect)
 {
-    m_currentDepth = depth;
     updateIdentity(provider, depth);
+    m_answerFollowsFallback = false;
     m_followUpField->clear();
     setInputEnabled(false);
     m_stopButton->show();
@@ -393,11 +335,17 @@ void OverlayPanelController::continueSession(const ProviderDefinition& provider,
 
 void OverlayPanelController::beginResponse(bool isFollowUp)
 {
-    if (isFollowUp && !m_sourceMarkdown.isEmpty()) {
-        m_sourceMarkdown += QStringLiteral("\n\n---\n\n");
+    if (m_attemptUnanswered && !isFollowUp) {
+        // A retry: its answer takes the place of the error or the stop it follows.
+        m_sourceMarkdown.truncate(m_responseStart);
+        renderImmediately();
+    } else if (isFollowUp && m_sourceMarkdown.size() > m_responseStart) {
+        appendSeparated(QStringLiteral("---\n\n"));
         renderImmediately();
     }
-    setStatus(QStringLiteral("正在解释"), CardStatusTone::working);
+    m_attemptUnanswered = false;
+    m_responseStart = m_sourceMarkdown.size();
+    setStatus(QStringLiteral("正在连接"), CardStatusTone::waiting);
     m_isStreaming = true;
     m_stopButton->show();
     m_retryButton->hide();
@@ -423,15 +371,37 @@ void OverlayPanelController::scheduleRender()
 void OverlayPanelController::renderImmediately()
 {
     m_renderTimer.stop();
+    QScrollBar* bar = m_outputTextView->verticalScrollBar();
+    // Someone who scrolled back to read the start keeps their place while the rest streams in.
+    const bool followsEnd = bar->value() >= bar->maximum() - followEndTolerance;
+    const int readingAt = bar->value();
     MarkdownRenderer::render(m_sourceMarkdown, *m_outputTextView->document(), m_colours);
     ++m_renderCount;
-    scrollToEnd();
+    if (followsEnd) {
+        scrollToEnd();
+    } else {
+        m_outputTextView->document()->documentLayout()->documentSize();
+        bar->setValue(readingAt);
+    }
+}
+
+void OverlayPanelController::appendSeparated(const QString& text)
+{
+    m_sourceMarkdown += MarkdownRenderer::fenceCloser(m_sourceMarkdown);
+    if (!m_sourceMarkdown.trimmed().isEmpty()) {
+        while (!m_sourceMarkdown.endsWith(QStringLiteral("\n\n"))) {
+            m_sourceMarkdown += u'\n';
+        }
+    }
+    m_sourceMarkdown += text;
 }
 
 void OverlayPanelController::scrollToEnd()
 {
     QScrollBar* bar = m_outputTextView->verticalScrollBar();
-    m_outputTextView->document()->documentLayout()->documentSize(); // lays the text out, so the range is current
+    m_outputTextView->document()
+        ->documentLayout()
+        ->documentSize(); // lays the text out, so the range is current
     bar->setValue(bar->maximum());
 }
 
@@ -442,48 +412,63 @@ void OverlayPanelController::finish()
         return;
     }
     renderImmediately();
-    if (m_pendingFixField) {
+    if (m_answerFollowsFallback) {
         setStatus(QStringLiteral("已切换备用配置"), CardStatusTone::warning);
     } else {
         setStatus(QStringLiteral("已完成"), CardStatusTone::success);
     }
-    m_isStreaming = false;
-    m_stopButton->hide();
-    m_retryButton->hide();
     m_fixButton->hide();
-    setInputEnabled(true);
+    endAnswer(false);
 }
 
 void OverlayPanelController::showError(const ProviderDiagnosis& diagnosis)
 {
     m_pendingFixField = diagnosis.field;
     m_fixButton->setVisible(diagnosis.field.has_value());
-    setStatus(diagnosis.field ? QStringLiteral("需要修改设置") : QStringLiteral("请求失败"), CardStatusTone::failure);
-    m_isStreaming = false;
+    setStatus(diagnosis.field ? QStringLiteral("需要修改设置") : QStringLiteral("请求失败"),
+              CardStatusTone::failure);
 
     if (m_sourceMarkdown.trimmed().isEmpty()) {
         m_sourceMarkdown.clear();
-    } else {
-        m_sourceMarkdown += QStringLiteral("\n\n");
+        m_responseStart = 0;
     }
-    m_sourceMarkdown += QStringLiteral("⚠️ ") + diagnosis.message();
+    appendSeparated(QStringLiteral("⚠️ ") + diagnosis.message());
+    m_attemptUnanswered = true;
     renderImmediately();
-
-    m_stopButton->hide();
-    m_retryButton->show();
-    setInputEnabled(true);
+    endAnswer(true);
     scrollToEnd();
+}
+
+void OverlayPanelController::showStopped()
+{
+    renderImmediately();
+    setStatus(QStringLiteral("已停止"), CardStatusTone::waiting);
+    m_attemptUnanswered = true;
+    m_fixButton->hide();
+    endAnswer(true);
+}
+
+void OverlayPanelController::endAnswer(bool offerRetry)
+{
+    m_isStreaming = false;
+    m_answerFollowsFallback = false;
+    m_stopButton->hide();
+    m_retryButton->setVisible(offerRetry);
+    setInputEnabled(true);
 }
 
 void OverlayPanelController::showFallback(const ProviderDefinition& provider, ExplanationDepth depth,
                                           ProviderField failedField, const QString& notice)
 {
     m_pendingFixField = failedField;
+    m_answerFollowsFallback = true;
+    m_attemptUnanswered = false;
     m_fixButton->hide();
-    m_currentDepth = depth;
     updateIdentity(provider, depth);
     setStatus(QStringLiteral("已切换备用配置"), CardStatusTone::warning);
     m_sourceMarkdown = notice;
+    // The notice ends in its own rule: the answer follows it directly.
+    m_responseStart = m_sourceMarkdown.size();
     renderImmediately();
 }
 
@@ -513,7 +498,7 @@ void OverlayPanelController::setPointerSource(std::function<QPoint()> pointer)
 
 QList<ScreenArea> OverlayPanelController::screens() const
 {
-    return m_screenSource ? m_screenSource() : desktopScreens();
+    return m_screenSource ? m_screenSource() : OverlayGeometry::desktopScreens();
 }
 
 void OverlayPanelController::position(const std::optional<QRect>& anchorRect)
@@ -527,6 +512,7 @@ void OverlayPanelController::bringToFront(QWidget* window, bool fade)
     window->setWindowOpacity(fade ? 0.0 : 1.0);
     window->show();
     window->raise();
+    X11Desktop::joinAllWorkspaces(*window);
     if (fade) {
         auto* animation = new QPropertyAnimation(window, "windowOpacity", window);
         animation->setDuration(fadeMs);
@@ -555,13 +541,14 @@ void OverlayPanelController::handleOutsideClick(const QPoint& point)
     if (m_pillPanel && m_pillPanel->isVisible() && m_pillPanel->bodyGeometry().contains(point)) {
         return;
     }
-    if (OverlayGeometry::isMenuBarClick(point, screens())) {
+    if (OverlayGeometry::isMenuBarClick(point, screens()) || X11Desktop::isPanelAt(point)) {
         return;
     }
     // Our other windows (the tray menu, the settings) are not "elsewhere" either: the raw events report
     // our own clicks too.
     for (QWidget* window : QApplication::topLevelWidgets()) {
-        if (window != m_panel && window != m_pillPanel && window->isVisible() && window->geometry().contains(point)) {
+        if (window != m_panel && window != m_pillPanel && window->isVisible() &&
+            window->geometry().contains(point)) {
             return;
         }
     }
@@ -580,7 +567,8 @@ void OverlayPanelController::collapseToPill()
     }
     PillPanel* pill = pillPanel();
     const QSize size = pill->bodySize();
-    const QPoint desired = m_pillOrigin.value_or(OverlayGeometry::defaultPillOrigin(size, screen->visibleFrame));
+    const QPoint desired =
+        m_pillOrigin.value_or(OverlayGeometry::defaultPillOrigin(size, screen->visibleFrame));
     pill->moveBodyTo(OverlayGeometry::pillOrigin(desired, size, screen->visibleFrame));
     bringToFront(pill, true);
     m_panel->hide();

@@ -8,7 +8,6 @@
 #include <QObject>
 #include <QPointer>
 #include <QTimer>
-
 #include <functional>
 #include <memory>
 
@@ -34,9 +33,12 @@ class OverlayPanelController : public QObject, public ExplanationCard
 public:
     // Renders are coalesced: at most one per this interval however fast pieces arrive.
     static constexpr int renderIntervalMs = 60;
+    // How close to the end (pixels) the reader must be for a render to keep following the end.
+    static constexpr int followEndTolerance = 4;
 
-    explicit OverlayPanelController(std::unique_ptr<OutsideClickSource> clicks = OutsideClickSource::createDefault(),
-                                    QObject* parent = nullptr);
+    explicit OverlayPanelController(
+        std::unique_ptr<OutsideClickSource> clicks = OutsideClickSource::createDefault(),
+        QObject* parent = nullptr);
     ~OverlayPanelController() override;
 
     // ExplanationCard
@@ -49,6 +51,7 @@ public:
     void appendText(const QString& piece) override;
     void finish() override;
     void showError(const ProviderDiagnosis& diagnosis) override;
+    void showStopped() override;
     void setStatus(const QString& text, CardStatusTone tone) override;
     void showFallback(const ProviderDefinition& provider, ExplanationDepth depth, ProviderField failedField,
                       const QString& notice) override;
@@ -67,31 +70,21 @@ public:
     void setPointerSource(std::function<QPoint()> pointer);
 
     const QString& sourceMarkdown() const { return m_sourceMarkdown; }
-    bool isStreaming() const { return m_isStreaming; }
-    bool isPinned() const { return m_isPinned; }
     std::optional<ProviderField> pendingFixField() const { return m_pendingFixField; }
-    ExplanationDepth currentDepth() const { return m_currentDepth; }
     QString statusText() const;
     CardStatusTone statusTone() const { return m_statusTone; }
     QColor statusColor() const;
     int renderCount() const { return m_renderCount; }
     bool isRenderPending() const { return m_renderTimer.isActive(); }
-    std::optional<QPoint> savedPillOrigin() const { return m_pillOrigin; }
 
     ExplanationPanel* panel() const { return m_panel; }
     PillPanel* pillPanel(); // created on first use
-    ProviderIconView* providerIconView() const { return m_providerIconView; }
-    QLabel* providerTitleLabel() const { return m_providerTitleLabel; }
-    QLabel* providerContextLabel() const { return m_providerContextLabel; }
-    StatusDotView* statusDotView() const { return m_statusDotView; }
     QTextBrowser* outputTextView() const { return m_outputTextView; }
     FollowUpField* followUpField() const { return m_followUpField; }
     QPushButton* sendButton() const { return m_sendButton; }
     QPushButton* stopButton() const { return m_stopButton; }
     QPushButton* retryButton() const { return m_retryButton; }
     QPushButton* fixButton() const { return m_fixButton; }
-    ToolbarButton* pinButton() const { return m_pinButton; }
-    ToolbarButton* copyButton() const { return m_copyButton; }
 
 private:
     void buildCard();
@@ -100,6 +93,11 @@ private:
     void setInputEnabled(bool enabled);
     void refreshPinButton();
     void scrollToEnd();
+    void applyStatusColour();
+    // The answer stopped arriving: stop gives way to the input, and to retry when asked for.
+    void endAnswer(bool offerRetry);
+    // Appends a block of its own: after any code listing left open and a paragraph break.
+    void appendSeparated(const QString& text);
     void position(const std::optional<QRect>& anchorRect);
     void bringToFront(QWidget* window, bool fade);
     void startOutsideClickMonitor();
@@ -126,10 +124,15 @@ private:
     std::unique_ptr<OutsideClickSource> m_outsideClicks;
     std::optional<QPoint> m_pillOrigin;
     QString m_sourceMarkdown;
+    // Where the answer being streamed (or last attempted) begins in m_sourceMarkdown.
+    qsizetype m_responseStart = 0;
+    // The last attempt ended in an error or a stop without text: a retry replaces what it left.
+    bool m_attemptUnanswered = false;
+    // The answer being streamed comes from the fallback configuration.
+    bool m_answerFollowsFallback = false;
     QTimer m_renderTimer;
     bool m_isStreaming = false;
     std::optional<ProviderField> m_pendingFixField;
-    ExplanationDepth m_currentDepth = ExplanationDepth::balanced;
     bool m_isPinned = false;
     Callbacks m_callbacks;
     QPointer<PillPanel> m_pillPanel;

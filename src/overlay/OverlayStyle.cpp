@@ -18,9 +18,16 @@ QColor withAlpha(QColor colour, qreal alpha)
 // come out in their Japanese shapes.
 const QStringList& cjkFamilies()
 {
-    static const QStringList families{QStringLiteral("Noto Sans CJK SC"), QStringLiteral("Source Han Sans SC"),
-                                      QStringLiteral("WenQuanYi Micro Hei"), QStringLiteral("Droid Sans Fallback")};
+    static const QStringList families{
+        QStringLiteral("Noto Sans CJK SC"), QStringLiteral("Source Han Sans SC"),
+        QStringLiteral("WenQuanYi Micro Hei"), QStringLiteral("Droid Sans Fallback")};
     return families;
+}
+
+QColor faded(QColor colour, qreal alpha)
+{
+    colour.setAlphaF(colour.alphaF() * alpha);
+    return colour;
 }
 
 } // namespace
@@ -55,9 +62,27 @@ SemanticColors SemanticColors::from(const QPalette& palette)
     const QColor highlight = palette.color(QPalette::Active, QPalette::Highlight);
     colours.accent = highlight.hsvSaturationF() > 0.25 ? highlight : colours.blue;
     const QColor link = palette.color(QPalette::Active, QPalette::Link);
-    const bool linkReadable = link.hsvSaturationF() > 0.25 && (colours.dark ? link.lightnessF() > 0.45 : link.lightnessF() < 0.6);
+    const bool linkReadable =
+        link.hsvSaturationF() > 0.25 && (colours.dark ? link.lightnessF() > 0.45 : link.lightnessF() < 0.6);
     colours.link = linkReadable ? link : (colours.dark ? QColor(0x4d, 0xa3, 0xff) : QColor(0x00, 0x66, 0xd6));
     return colours;
+}
+
+QColor SemanticColors::forTone(CardStatusTone tone) const
+{
+    switch (tone) {
+    case CardStatusTone::waiting:
+        return tertiaryLabel;
+    case CardStatusTone::working:
+        return blue;
+    case CardStatusTone::success:
+        return green;
+    case CardStatusTone::warning:
+        return orange;
+    case CardStatusTone::failure:
+        return red;
+    }
+    return label;
 }
 
 SemanticColors SemanticColors::current()
@@ -134,9 +159,9 @@ QStringList monoFamilies()
         if (QFontInfo(system).fixedPitch()) {
             list << QFontInfo(system).family();
         }
-        list << QStringLiteral("DejaVu Sans Mono") << QStringLiteral("Noto Sans Mono") << QStringLiteral("Liberation Mono")
-             << QStringLiteral("monospace") << QStringLiteral("Noto Sans Mono CJK SC")
-             << QStringLiteral("WenQuanYi Micro Hei Mono");
+        list << QStringLiteral("DejaVu Sans Mono") << QStringLiteral("Noto Sans Mono")
+             << QStringLiteral("Liberation Mono") << QStringLiteral("monospace")
+             << QStringLiteral("Noto Sans Mono CJK SC") << QStringLiteral("WenQuanYi Micro Hei Mono");
         list += cjkFamilies();
         list.removeDuplicates();
         return list;
@@ -161,6 +186,47 @@ QFont monoFont(qreal size)
     font.setFixedPitch(true);
     font.setPointSizeF(pointsForPixels(size));
     return font;
+}
+
+QString cssColour(const QColor& colour)
+{
+    return QStringLiteral("rgba(%1,%2,%3,%4)")
+        .arg(colour.red())
+        .arg(colour.green())
+        .arg(colour.blue())
+        .arg(colour.alphaF(), 0, 'f', 3);
+}
+
+QString cardStyleSheet(const SemanticColors& c)
+{
+    const QString label = cssColour(c.label);
+    return QStringLiteral(R"(
+QLabel#providerTitle { color: %1; }
+QLabel#providerContext { color: %2; }
+QFrame#separator { background: %3; border: none; }
+QTextBrowser { background: transparent; border: none; color: %1; selection-background-color: %4; }
+QLineEdit { background: %5; color: %1; border: 1px solid %3; border-radius: 8px; padding: 4px 9px;
+            selection-background-color: %4; }
+QLineEdit:focus { border: 1px solid %4; }
+QLineEdit:disabled { color: %6; }
+QPushButton { background: %5; color: %1; border: 1px solid %3; border-radius: 8px; padding: 4px 12px;
+              min-height: 22px; }
+QPushButton:hover { background: %7; }
+QPushButton:disabled { color: %6; }
+QPushButton#sendButton { background: %4; color: white; border: none; }
+QPushButton#sendButton:disabled { background: %8; color: cssColour(255,255,255,0.75); }
+QPushButton#fixButton { background: %9; color: %10; border: 1px solid %10; }
+QScrollBar:vertical { background: transparent; width: 8px; margin: 2px 0; }
+QScrollBar::handle:vertical { background: %6; border-radius: 3px; min-height: 28px; margin: 0 1px; }
+QScrollBar::add-line:vertical, QScrollBar::sub-line:vertical { height: 0; }
+QScrollBar::add-page:vertical, QScrollBar::sub-page:vertical { background: transparent; }
+QToolTip { color: %1; background: %11; border: 1px solid %3; padding: 3px 6px; }
+)")
+        .arg(label, cssColour(c.secondaryLabel), cssColour(c.separator), cssColour(c.accent),
+             cssColour(c.controlBackground), cssColour(c.tertiaryLabel),
+             cssColour(c.dark ? c.controlBackground.lighter(130) : c.controlBackground.darker(106)),
+             cssColour(faded(c.accent, 0.45)), cssColour(faded(c.red, 0.12)))
+        .arg(cssColour(c.red), cssColour(c.background));
 }
 
 } // namespace OverlayStyle

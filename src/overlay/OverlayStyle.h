@@ -1,5 +1,7 @@
 #pragma once
 
+#include "flow/ExplanationCard.h"
+
 #include <QColor>
 #include <QFont>
 #include <QPalette>
@@ -11,14 +13,14 @@ namespace velnora {
 struct SemanticColors
 {
     bool dark = false;
-    QColor background;         // the card's body
+    QColor background; // the card's body
     QColor label;
     QColor secondaryLabel;
     QColor tertiaryLabel;
     QColor accent;
     QColor separator;
     QColor link;
-    QColor controlBackground;  // code blocks, text field
+    QColor controlBackground; // code blocks, text field
     QColor inlineCodeBackground;
     QColor blue;
     QColor green;
@@ -26,6 +28,8 @@ struct SemanticColors
     QColor red;
 
     static SemanticColors from(const QPalette& palette);
+    // The colour of a card status line (its dot and its text).
+    QColor forTone(CardStatusTone tone) const;
     // The application's current palette.
     static SemanticColors current();
 };
@@ -46,6 +50,11 @@ QFont monoFont(qreal size);
 qreal pointsForPixels(qreal pixels);
 QStringList uiFamilies();
 QStringList monoFamilies();
+
+// A colour as a style sheet writes it, alpha included.
+QString cssColour(const QColor& colour);
+// The style sheet of the card's labels, fields, buttons and scroll bar in these colours.
+QString cardStyleSheet(const SemanticColors& colours);
 
 } // namespace OverlayStyle
 } // namespace velnora

@@ -9,9 +9,15 @@
 #include "app/FeedbackPresenter.h"
 #include "app/FirstRunHint.h"
 #include "app/ProcessArguments.h"
+#include "app/settings/FieldMarks.h"
+#include "capture/GlobalHotKey.h"
 #include "capture/SelectionReadError.h"
 #include "support/TestEnvironment.h"
 
+#include <QComboBox>
+#include <QCoreApplication>
+#include <QEvent>
+#include <QKeySequenceEdit>
 #include <QLineEdit>
 #include <QSettings>
 #include <QStandardPaths>
@@ -33,7 +39,7 @@ protected:
         }
         ConfigurationStore().setDidShowVersion2Setup(true);
         // Bare Xvfb has no tray: without this every launch of the delegate would open the settings.
-        ConfigurationStore().settings().setValue(FirstRunHint::trayHintShownKey, true);
+        ConfigurationStore().setDidShowNoTrayHint(true);
     }
 
     void TearDown() override
@@ -127,8 +133,91 @@ TEST_F(DesktopSessionTest, ApiModeWithoutAKeyOpensTheSettingsOnTheKey)
     SettingsWindow* settings = delegate->settingsWindow();
     ASSERT_NE(settings, nullptr);
     EXPECT_TRUE(settings->isVisible());
-    EXPECT_TRUE(SettingsWindow::isMarked(settings->apiKeyField()));
+    EXPECT_TRUE(FieldMarks::isMarked(settings->apiPage()->apiKeyField()));
     EXPECT_TRUE(pending().empty());
+}
+
+// The settings window is where a desktop without a tray changes the hot key. Another X client holds
+// one combination (each GlobalHotKey has a connection of its own).
+TEST_F(DesktopSessionTest, ACustomHotKeyIsRecordedAndRegisteredAndATakenOneRefused)
+{
+    GlobalHotKey otherClient;
+    const HotKeyChoice taken = HotKeyChoice::custom(Qt::ControlModifier | Qt::AltModifier, Qt::Key_T);
+    ASSERT_TRUE(otherClient.registerChoice(taken, [] {}));
+    auto delegate = launch();
+    delegate->openSettings();
+    SettingsWindow* settings = delegate->settingsWindow();
+    ASSERT_NE(settings, nullptr);
+    HotKeySection* section = settings->generalPage()->hotKeySection();
+
+    const struct
+    {
+        QKeyCombination pressed;
+        std::optional<QString> storedID; // none: refused before anything is stored
+        bool registered;
+        QString message;
+    } cases[] = {
+        {QKeyCombination(Qt::ShiftModifier, Qt::Key_K), std::nullopt, false,
+         "组合键至少要包含 Ctrl、Alt 或 Super 中的一个，再加一个普通键，请重新按。"},
+        {QKeyCombination(Qt::ControlModifier | Qt::ShiftModifier, Qt::Key_K), "custom:Ctrl+Shift+K", true,
+         "全局快捷键：Ctrl+Shift+K"},
+        {QKeyCombination(Qt::ControlModifier | Qt::AltModifier, Qt::Key_T), "custom:Ctrl+Alt+T", false,
+         "快捷键 Ctrl+Alt+T 已被其他应用占用，请在菜单栏中更换。"},
+    };
+    for (const auto& c : cases) {
+        const std::optional<QString> before = ConfigurationStore().globalHotKeyID();
+        section->choiceBox()->setCurrentIndex(section->choiceBox()->findData("custom"));
+        Q_EMIT section->choiceBox()->activated(section->choiceBox()->currentIndex());
+        EXPECT_TRUE(section->recorder()->isVisibleTo(settings));
+        section->record(c.pressed);
+        EXPECT_EQ(section->resultLine()->text(), c.message);
+        EXPECT_EQ(ConfigurationStore().globalHotKeyID(), c.storedID ? c.storedID : before);
+        if (c.storedID) {
+            EXPECT_EQ(delegate->isHotKeyRegistered(), c.registered) << c.storedID->toStdString();
+            EXPECT_EQ(section->choiceBox()->currentData(), *c.storedID);
+        }
+    }
+
+    // The recorded key is grabbed: no other client can take it now.
+    section->record(QKeyCombination(Qt::ControlModifier | Qt::ShiftModifier, Qt::Key_K));
+    ASSERT_TRUE(delegate->isHotKeyRegistered());
+    EXPECT_FALSE(GlobalHotKey().registerChoice(HotKeyChoice::fromID("custom:Ctrl+Shift+K"), [] {}));
+
+    // A window opened later shows the conflict of the saved key.
+    section->record(QKeyCombination(Qt::ControlModifier | Qt::AltModifier, Qt::Key_T));
+    settings->close();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_EQ(delegate->settingsWindow(), nullptr);
+    delegate->openSettings();
+    EXPECT_EQ(delegate->settingsWindow()->generalPage()->hotKeySection()->resultLine()->text(),
+              "快捷键 Ctrl+Alt+T 已被其他应用占用，请在菜单栏中更换。");
+    delegate->selectHotKey(HotKeyChoice::all().front().id);
+}
+
+TEST_F(DesktopSessionTest, TheUpdatesPreviewEndsWhenItsWindowCloses)
+{
+    QProcess preview;
+    preview.start(test::velnoraBinary(), {"--updates-preview"});
+    std::optional<QString> window;
+    spinUntil(
+        [&] {
+            const auto found = test::runTool("xdotool", {"search", "--onlyvisible", "--name", "关于 — 澜镜"});
+            window = found ? std::optional(QString::fromUtf8(*found)) : std::nullopt;
+            return window && !window->trimmed().isEmpty();
+        },
+        15000);
+    ASSERT_TRUE(window && !window->trimmed().isEmpty());
+    const QString id = window->trimmed().section('\n', 0, 0);
+    test::runTool("xdotool", {"windowfocus", "--sync", id});
+    ASSERT_EQ(preview.state(), QProcess::Running);
+    test::runTool("xdotool", {"key", "Escape"});
+    // waitForFinished is false for a process that already ended.
+    EXPECT_TRUE(preview.waitForFinished(10000) || preview.state() == QProcess::NotRunning);
+    EXPECT_EQ(preview.exitCode(), 0);
+    if (preview.state() != QProcess::NotRunning) {
+        preview.kill();
+        preview.waitForFinished();
+    }
 }
 
 TEST_F(DesktopSessionTest, OneShotProcessesDriveTheRunningInstance)

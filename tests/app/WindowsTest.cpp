@@ -3,22 +3,43 @@
 // session's keyring, not its display.
 #include "WindowShots.h"
 #include "app/AboutWindow.h"
-#include "app/SettingsWindow.h"
+#include "app/LaunchAtLogin.h"
+#include "app/settings/BrowserConnectionSection.h"
+#include "app/settings/FieldMarks.h"
+#include "app/settings/SettingsWindow.h"
 #include "config/ConfigurationError.h"
 #include "config/ConfigurationStore.h"
 #include "config/KeychainStore.h"
+#include "config/PromptLibrary.h"
 #include "config/ProviderCatalog.h"
+#include "config/SecretServiceBackend.h"
+#include "llm/ProviderDiagnostics.h"
+#include "overlay/OverlayStyle.h"
 #include "support/LoopbackHttpServer.h"
+#include "support/TestEnvironment.h"
 #include "updates/ProductRelease.h"
 #include "updates/ProductUpdates.h"
 
+#include <QAbstractButton>
+#include <QApplication>
+#include <QCheckBox>
 #include <QComboBox>
+#include <QDateTime>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLabel>
+#include <QLayout>
 #include <QLineEdit>
+#include <QMessageBox>
+#include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSettings>
+#include <QSignalSpy>
 #include <QTabWidget>
 #include <QTest>
+#include <QTimer>
 #include <QUuid>
 #include <gtest/gtest.h>
 
@@ -43,16 +64,35 @@ protected:
 
     // The window as the application builds it, with the queue in the test's folder; loopbackAllowed
     // lets the test request reach the loopback server.
-    std::unique_ptr<SettingsWindow> makeWindow(bool loopbackAllowed = false)
+    // The window deletes itself when closed; the pointer follows it.
+    QPointer<SettingsWindow> makeWindow(bool loopbackAllowed = false)
     {
         auto collaborators = SettingsWindow::Collaborators::standard(&configuration, &keychain);
         collaborators.requestStore = RequestStore(directory.filePath("data"));
         if (loopbackAllowed) {
             collaborators.addressPolicy = {};
         }
-        auto window = std::make_unique<SettingsWindow>(std::move(collaborators));
+        QPointer<SettingsWindow> window = new SettingsWindow(std::move(collaborators));
         window->present();
+        windows.append(window);
+        // The stored-key check runs off the main thread; the form is ready once it answered.
+        EXPECT_TRUE(test::waitUntil([&] { return !window->isBusy(); }, 10000));
         return window;
+    }
+
+    void TearDown() override
+    {
+        for (const QPointer<SettingsWindow>& window : windows) {
+            delete window.data();
+        }
+    }
+
+    // Saves and waits until the key, stored off the main thread, is written.
+    bool save(SettingsWindow* window)
+    {
+        const bool accepted = window->save();
+        EXPECT_TRUE(test::waitUntil([&] { return !window->isBusy(); }, 10000));
+        return accepted;
     }
 
     QStringList storedKeys() const { return QSettings(settingsPath, QSettings::IniFormat).allKeys(); }
@@ -72,6 +112,7 @@ protected:
         QTest::keyClicks(field, text);
     }
 
+    QList<QPointer<SettingsWindow>> windows;
     QTemporaryDir directory;
     QString settingsPath = directory.filePath("velnora-domestic.conf");
     ConfigurationStore configuration{settingsPath};
@@ -103,103 +144,311 @@ bool check(QPushButton* button)
 TEST_F(WindowsTest, SavingStoresOnlyWhatDiffersFromTheDefaultsAndTheKeyInTheKeyring)
 {
     auto window = makeWindow();
-    EXPECT_TRUE(window->save());
+    ApiSettingsPage* api = window->apiPage();
+    EXPECT_TRUE(save(window));
     EXPECT_EQ(storedKeys(), QStringList());
-    EXPECT_EQ(window->banner()->text(), "设置已保存。");
+    EXPECT_EQ(window->statusLine()->text(), "设置已保存。");
 
-    choose(window->modeBox(), "api");
-    choose(window->apiProviderBox(), "deepseek");
-    choose(window->depthBox(), "deep");
-    retype(window->modelField(), " deepseek-v4-pro ");
-    retype(window->apiKeyField(), "  sk-first-key ");
-    // When the change is announced, everything is already stored.
+    choose(window->generalPage()->modeBox(), "api");
+    choose(api->providerBox(), "deepseek");
+    choose(window->generalPage()->depthBox(), "deep");
+    api->modelBox()->setCurrentText(" deepseek-v4-pro ");
+    retype(api->apiKeyField(), "  sk-first-key ");
+    // When the change is announced, everything but the key (written off the main thread) is stored.
     std::optional<ProviderOverride> seenOverride;
     QObject::connect(&configuration, &ConfigurationStore::configurationDidChange,
                      [&] { seenOverride = configuration.providerOverride("deepseek"); });
-    ASSERT_TRUE(window->save());
+    ASSERT_TRUE(save(window));
     EXPECT_EQ(configuration.executionMode(), ExecutionMode::api);
     EXPECT_EQ(configuration.explanationDepth(), ExplanationDepth::deep);
     EXPECT_EQ(seenOverride, (ProviderOverride{"", "deepseek-v4-pro"}));
     EXPECT_EQ(configuration.resolvedProvider("sk").model, "deepseek-v4-pro");
     EXPECT_EQ(storedKey("deepseek"), "sk-first-key");
+    EXPECT_FALSE(window->isModified());
 
     // Back to the default model: the entry goes away instead of repeating it; the untouched key stays.
-    retype(window->modelField(), ProviderDefinition::definition("deepseek").defaultModel);
-    ASSERT_TRUE(window->save());
+    api->modelBox()->setCurrentText(ProviderDefinition::definition("deepseek").defaultModel);
+    ASSERT_TRUE(save(window));
     EXPECT_TRUE(configuration.providerOverrides().isEmpty());
     EXPECT_EQ(storedKey("deepseek"), "sk-first-key");
 
-    retype(window->apiKeyField(), "");
-    ASSERT_TRUE(window->save());
+    retype(api->apiKeyField(), "");
+    ASSERT_TRUE(save(window));
     EXPECT_EQ(storedKey("deepseek"), std::nullopt);
 }
 
 TEST_F(WindowsTest, ARefusedAddressOrModelSavesNothingAndMarksItsField)
 {
     auto window = makeWindow();
-    choose(window->modeBox(), "api");
-    retype(window->apiKeyField(), "sk-never-saved");
+    ApiSettingsPage* api = window->apiPage();
+    choose(window->generalPage()->modeBox(), "api");
+    retype(api->apiKeyField(), "sk-never-saved");
     const QString restricted = ConfigurationError(ConfigurationError::Kind::editionRestricted).description();
     const struct
     {
         const char* address;
         const char* model;
-        QString banner;
-        QLineEdit* marked;
+        QString message;
+        QWidget* marked;
     } cases[] = {
-        {"https://proxy.example.com/api/v3", nullptr, restricted, window->baseURLField()},
+        {"https://proxy.example.com/api/v3", nullptr, restricted, api->baseURLField()},
         {"http://ark.cn-beijing.volces.com/api/v3", nullptr, "API 地址无效，必须是完整的 https 地址。",
-         window->baseURLField()},
-        {"https://ark.cn-beijing.volces.com/api/v3", "gpt-4o", restricted, window->modelField()},
+         api->baseURLField()},
+        {"https://ark.cn-beijing.volces.com/api/v3", "gpt-4o", restricted, api->modelBox()},
     };
     for (const auto& refused : cases) {
-        retype(window->baseURLField(), refused.address);
+        window->tabs()->setCurrentIndex(0); // the window turns to the refusing page itself
+        retype(api->baseURLField(), refused.address);
         if (refused.model) {
-            retype(window->modelField(), refused.model);
+            api->modelBox()->setCurrentText(refused.model);
         }
-        EXPECT_FALSE(window->save()) << refused.address;
-        EXPECT_EQ(window->banner()->text(), refused.banner);
-        EXPECT_TRUE(SettingsWindow::isMarked(refused.marked));
-        EXPECT_EQ(window->focusWidget(), refused.marked);
+        EXPECT_FALSE(save(window)) << refused.address;
+        EXPECT_EQ(window->statusLine()->text(), refused.message);
+        EXPECT_EQ(window->tabs()->currentWidget(), api);
+        EXPECT_TRUE(FieldMarks::isMarked(refused.marked));
+        EXPECT_TRUE(refused.marked->isAncestorOf(window->focusWidget()) ||
+                    window->focusWidget() == refused.marked);
         EXPECT_EQ(storedKeys(), QStringList());
         EXPECT_EQ(storedKey("doubao"), std::nullopt);
     }
-    EXPECT_FALSE(SettingsWindow::isMarked(window->baseURLField()));
+    EXPECT_FALSE(FieldMarks::isMarked(api->baseURLField()));
+
+    // A key pasted with an invisible character is refused with that character named, not stored.
+    retype(api->baseURLField(), "https://ark.cn-beijing.volces.com/api/v3");
+    api->modelBox()->setCurrentText("doubao-seed-1-6-250615");
+    retype(api->apiKeyField(), "sk-abc");
+    api->apiKeyField()->insert(QString(QChar(0x200B)) + "def"); // what a paste does
+    EXPECT_FALSE(save(window));
+    EXPECT_TRUE(window->statusLine()->text().contains("U+200B"))
+        << window->statusLine()->text().toStdString();
+    EXPECT_TRUE(FieldMarks::isMarked(api->apiKeyField()));
+    EXPECT_EQ(storedKey("doubao"), std::nullopt);
+    retype(api->apiKeyField(), "sk-never-saved");
+
+    // A refused service the user switched away from is brought back to be fixed.
+    retype(api->baseURLField(), "https://proxy.example.com/api/v3");
+    api->modelBox()->setCurrentText("doubao-seed-1-6-250615");
+    choose(api->providerBox(), "kimi");
+    EXPECT_FALSE(save(window));
+    EXPECT_EQ(api->providerBox()->currentData(), "doubao");
+    EXPECT_TRUE(FieldMarks::isMarked(api->baseURLField()));
 
     // The refused form, as the user sees it, fits on every page.
-    auto* tabs = window->findChild<QTabWidget*>();
-    ASSERT_NE(tabs, nullptr);
-    for (int page = 0; page < tabs->count(); ++page) {
-        tabs->setCurrentIndex(page);
-        EXPECT_EQ(test::clippedInEitherAppearance(window.get()), QStringList());
+    for (int page = 0; page < window->tabs()->count(); ++page) {
+        window->tabs()->setCurrentIndex(page);
+        EXPECT_EQ(test::clippedInEitherAppearance(window), QStringList());
     }
+}
+
+TEST_F(WindowsTest, EditsOfEveryServiceSurviveASwitchAndAreSavedTogether)
+{
+    auto window = makeWindow();
+    ApiSettingsPage* api = window->apiPage();
+    choose(api->providerBox(), "deepseek");
+    retype(api->apiKeyField(), "sk-deepseek");
+    api->modelBox()->setCurrentText("deepseek-v4-pro");
+    choose(api->providerBox(), "kimi");
+    EXPECT_EQ(api->apiKeyField()->text(), "");
+    EXPECT_EQ(api->modelBox()->currentText(), ProviderDefinition::definition("kimi").defaultModel);
+    api->modelBox()->setCurrentText("kimi-k2-turbo-preview");
+    choose(api->providerBox(), "deepseek");
+    EXPECT_EQ(api->apiKeyField()->text(), "sk-deepseek");
+    EXPECT_EQ(api->modelBox()->currentText(), "deepseek-v4-pro");
+    EXPECT_TRUE(window->isModified());
+
+    ASSERT_TRUE(save(window));
+    EXPECT_EQ(configuration.providerOverride("deepseek"), (ProviderOverride{"", "deepseek-v4-pro"}));
+    EXPECT_EQ(configuration.providerOverride("kimi"), (ProviderOverride{"", "kimi-k2-turbo-preview"}));
+    EXPECT_EQ(configuration.apiProviderID(), "deepseek");
+    EXPECT_EQ(storedKey("deepseek"), "sk-deepseek");
+    EXPECT_FALSE(window->isModified());
+    keychain.saveAPIKey("", "deepseek");
+}
+
+TEST_F(WindowsTest, TheModelListShowsEveryFetchedModel)
+{
+    auto window = makeWindow(true);
+    ApiSettingsPage* api = window->apiPage();
+    choose(api->providerBox(), "deepseek");
+    retype(api->baseURLField(), server.url().toString());
+    retype(api->apiKeyField(), "sk-list");
+    const QStringList models{"deepseek-chat", "deepseek-coder", "deepseek-reasoner", "deepseek-v4-flash",
+                             "deepseek-v4-pro"};
+    QJsonArray data;
+    for (const QString& model : models) {
+        data.append(QJsonObject{{"id", model}});
+    }
+    server.enqueue(ScriptedResponse::json(200, QJsonDocument(QJsonObject{{"data", data}}).toJson()));
+    api->fetchModels();
+    ASSERT_TRUE(test::waitUntil([&] { return !window->isBusy(); }, 10000));
+    EXPECT_EQ(api->modelListResult()->text(), "5 个可用模型");
+    QStringList shown;
+    for (int index = 0; index < api->modelBox()->count(); ++index) {
+        shown << api->modelBox()->itemText(index);
+    }
+    EXPECT_EQ(shown, models);
+    api->modelBox()->hidePopup();
+    api->modelBox()->setCurrentIndex(2);
+    EXPECT_EQ(api->modelBox()->currentText(), "deepseek-reasoner");
+
+    // A later result replaces the earlier one instead of standing beside it.
+    api->testConnection();
+    EXPECT_EQ(api->modelListResult()->text(), "");
 }
 
 TEST_F(WindowsTest, TheTestRequestNamesTheKeyWhenItIsMissingOrRejected)
 {
     auto window = makeWindow(true);
-    choose(window->apiProviderBox(), "deepseek");
-    retype(window->baseURLField(), server.url().toString());
-    window->testConnection();
-    EXPECT_EQ(window->testResult()->text(), "还没有保存所选提供商的 API Key。（设置 → API Key）");
-    EXPECT_EQ(window->focusWidget(), window->apiKeyField());
+    ApiSettingsPage* api = window->apiPage();
+    choose(api->providerBox(), "deepseek");
+    retype(api->baseURLField(), server.url().toString());
+    api->testConnection();
+    ASSERT_TRUE(test::waitUntil([&] { return !window->isBusy(); }, 10000));
+    EXPECT_EQ(api->testResult()->text(), "还没有保存所选提供商的 API Key。（设置 → API Key）");
+    EXPECT_EQ(window->focusWidget(), api->apiKeyField());
     EXPECT_EQ(server.requestCount(), 0);
 
-    retype(window->apiKeyField(), "sk-typed-not-saved");
+    retype(api->apiKeyField(), "sk-typed-not-saved");
     server.enqueue(ScriptedResponse::json(
         401,
         R"({"error":{"message":"Authentication Fails, Your api key is invalid","type":"authentication_error"}})"));
-    window->testConnection();
-    ASSERT_TRUE(test::waitUntil([&] { return !window->isTesting(); }, 10000));
-    EXPECT_TRUE(
-        window->testResult()->text().startsWith("API Key 无效或已失效，请重新填写。（设置 → API Key）"));
-    EXPECT_TRUE(window->testResult()->text().contains("服务端原文：Authentication Fails"));
-    EXPECT_EQ(window->focusWidget(), window->apiKeyField());
-    EXPECT_TRUE(SettingsWindow::isMarked(window->apiKeyField()));
+    api->testConnection();
+    ASSERT_TRUE(test::waitUntil([&] { return !window->isBusy(); }, 10000));
+    EXPECT_TRUE(api->testResult()->text().startsWith("API Key 无效或已失效，请重新填写。（设置 → API Key）"));
+    EXPECT_TRUE(api->testResult()->text().contains("服务端原文：Authentication Fails"));
+    EXPECT_EQ(window->focusWidget(), api->apiKeyField());
+    EXPECT_TRUE(FieldMarks::isMarked(api->apiKeyField()));
 
     // The typed key was the one sent, and testing does not save it.
     EXPECT_EQ(server.requests().at(0).header("authorization"), "Bearer sk-typed-not-saved");
     EXPECT_EQ(storedKey("deepseek"), std::nullopt);
+}
+
+TEST_F(WindowsTest, TheKeyboardSavesClosesAndMovesAsTheScreenReads)
+{
+    auto window = makeWindow();
+    ApiSettingsPage* api = window->apiPage();
+    window->tabs()->setCurrentWidget(api);
+    EXPECT_EQ(window->closeButton()->nextInFocusChain(), window->saveButton());
+    EXPECT_EQ(api->baseURLField()->accessibleName(), "Base URL");
+    EXPECT_EQ(api->modelBox()->accessibleName(), "模型");
+    // Every labelled field can be reached with Alt and its letter.
+    for (QLabel* label : window->findChildren<QLabel*>()) {
+        if (label->buddy()) {
+            EXPECT_TRUE(label->text().contains('&')) << label->text().toStdString();
+        }
+    }
+
+    api->modelBox()->setCurrentText("doubao-seed-2-0-pro-260215");
+    QTest::keyClick(api->modelBox()->lineEdit(), Qt::Key_Return);
+    EXPECT_EQ(configuration.providerOverride("doubao"), (ProviderOverride{"", "doubao-seed-2-0-pro-260215"}));
+    QTest::keyClick(api->baseURLField(), Qt::Key_Enter);
+    EXPECT_EQ(window->statusLine()->text(), "设置已保存。");
+    // Enter in the prompt is a new line, not a save.
+    api->systemPromptField()->setFocus();
+    QTest::keyClick(api->systemPromptField(), Qt::Key_Return);
+    QTest::keyClicks(api->systemPromptField(), "Be brief.");
+    EXPECT_TRUE(window->isModified());
+
+    // Escape with unsaved edits asks first: 取消 keeps the window, 不保存 closes it and writes nothing.
+    const struct
+    {
+        const char* answer;
+        bool closes;
+    } answers[] = {{"取消", false}, {"不保存", true}};
+    for (const auto& answer : answers) {
+        QString question;
+        QTimer::singleShot(0, [&] {
+            auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+            ASSERT_NE(box, nullptr);
+            question = box->text();
+            for (QAbstractButton* button : box->buttons()) {
+                if (button->text() == answer.answer) {
+                    button->click();
+                }
+            }
+        });
+        QTest::keyClick(api->systemPromptField(), Qt::Key_Escape);
+        EXPECT_EQ(question, "有尚未保存的修改。关闭前要保存吗？");
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        EXPECT_EQ(window.isNull(), answer.closes) << answer.answer;
+    }
+    EXPECT_EQ(configuration.systemPrompt(), PromptLibrary::defaultSystemPrompt());
+
+    // Without edits Escape just closes.
+    auto clean = makeWindow();
+    QTest::keyClick(clean->apiPage()->baseURLField(), Qt::Key_Escape);
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_TRUE(clean.isNull());
+}
+
+TEST_F(WindowsTest, AnOpenWindowFollowsTheTrayMenuExceptWhereTheUserChangedAChoice)
+{
+    auto window = makeWindow();
+    GeneralSettingsPage* general = window->generalPage();
+    configuration.setExecutionMode(ExecutionMode::api);
+    EXPECT_EQ(general->modeBox()->currentData(), "api");
+    EXPECT_FALSE(window->isModified());
+
+    choose(general->depthBox(), "deep");
+    configuration.setExplanationDepth(ExplanationDepth::fast);
+    configuration.setExecutionMode(ExecutionMode::browser);
+    EXPECT_EQ(general->depthBox()->currentData(), "deep");
+    EXPECT_EQ(general->modeBox()->currentData(), "browser");
+    ASSERT_TRUE(save(window));
+    EXPECT_EQ(configuration.explanationDepth(), ExplanationDepth::deep);
+    EXPECT_EQ(configuration.executionMode(), ExecutionMode::browser);
+}
+
+// Closing right after saving waits for the key's write; a failed write keeps the window and the key.
+TEST_F(WindowsTest, AKeyOnItsWayToTheKeyringIsNeitherLostNorClosedAway)
+{
+    const struct
+    {
+        int32_t addStatus;
+        bool closes;
+    } cases[] = {{KeychainError::timedOut, false}, {0, true}};
+    for (const auto& c : cases) {
+        keychain.addItem = [status = c.addStatus](const KeychainItem& item) {
+            return status != 0 ? status : SecretServiceBackend::addItem(item);
+        };
+        auto window = makeWindow();
+        ApiSettingsPage* api = window->apiPage();
+        choose(api->providerBox(), "qwen");
+        retype(api->apiKeyField(), "sk-on-its-way");
+        ASSERT_TRUE(window->save());
+        window->close();
+        EXPECT_FALSE(window.isNull());
+        ASSERT_TRUE(test::waitUntil([&] { return window.isNull() || !window->isWriting(); }, 10000));
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        EXPECT_EQ(window.isNull(), c.closes) << c.addStatus;
+        if (!c.closes) {
+            EXPECT_EQ(window->statusLine()->text(),
+                      "其他设置已保存，但「" + ProviderDefinition::definition("qwen").title +
+                          "」的 API Key 没有保存成功：" +
+                          ProviderDiagnostics::diagnose(KeychainError(KeychainError::timedOut)).summary);
+            EXPECT_EQ(api->apiKeyField()->text(), "sk-on-its-way");
+            EXPECT_TRUE(window->isModified());
+        }
+        EXPECT_EQ(storedKey("qwen"), c.closes ? std::optional<QString>("sk-on-its-way") : std::nullopt);
+    }
+    keychain.saveAPIKey("", "qwen");
+}
+
+TEST_F(WindowsTest, LaunchAtLoginIsSwitchedFromTheWindow)
+{
+    test::TemporaryHome home;
+    auto window = makeWindow();
+    QCheckBox* box = window->generalPage()->launchAtLoginBox();
+    EXPECT_FALSE(box->isChecked());
+    QSignalSpy announced(window.data(), &SettingsWindow::launchAtLoginChanged);
+    box->click();
+    EXPECT_TRUE(LaunchAtLogin::isEnabled());
+    EXPECT_TRUE(QFile::exists(LaunchAtLogin::autostartFilePath()));
+    box->click();
+    EXPECT_FALSE(LaunchAtLogin::isEnabled());
+    EXPECT_EQ(announced.count(), 2);
+    EXPECT_EQ(announced.at(0).at(0), true);
 }
 
 TEST_F(WindowsTest, TheAboutWindowOffersTheDownloadOnlyForANewerBuild)
@@ -220,4 +469,81 @@ TEST_F(WindowsTest, TheAboutWindowOffersTheDownloadOnlyForANewerBuild)
     EXPECT_FALSE(window.downloadButton()->isVisibleTo(&window));
     EXPECT_EQ(window.applicationStatusLabel()->text(),
               "澜镜 " + ProductRelease::version() + " 已是最新版本。");
+}
+
+TEST_F(WindowsTest, TheAboutWindowShowsWhatOthersWroteAsPlainText)
+{
+    const QString statusPath = directory.filePath("extension-status.json");
+    const QString markup = R"(<b>2.0</b><img src="file:///etc/hostname">)";
+    QFile status(statusPath);
+    ASSERT_TRUE(status.open(QIODevice::WriteOnly));
+    status.write(QJsonDocument(QJsonObject{{"extensionID", ExplainerConstants::extensionIdentifier()},
+                                           {"updatedAt", QDateTime::currentSecsSinceEpoch() * 1.0},
+                                           {"version", markup}})
+                     .toJson());
+    status.close();
+    ProductUpdates updates{server.url(), statusPath};
+    server.setFallback(manifest());
+    AboutWindow window{&updates};
+    window.present();
+    ASSERT_TRUE(check(window.checkExtensionButton()));
+    EXPECT_TRUE(window.extensionStatusLabel()->text().startsWith("当前扩展 " + markup));
+    for (QLabel* label : {window.extensionStatusLabel(), window.applicationStatusLabel()}) {
+        EXPECT_EQ(label->textFormat(), Qt::PlainText) << label->text().toStdString();
+    }
+}
+
+// Results come and go without moving the form, in the light and the dark look; VELNORA_SHOT_DIR
+// keeps the pictures for a person to look at.
+TEST_F(WindowsTest, ResultsNeverMoveTheFormInEitherLook)
+{
+    auto window = makeWindow();
+    ApiSettingsPage* api = window->apiPage();
+    GeneralSettingsPage* general = window->generalPage();
+    const auto positions = [&] {
+        QList<QPoint> points;
+        for (QWidget* widget :
+             {static_cast<QWidget*>(api->testButton()), static_cast<QWidget*>(api->systemPromptField()),
+              static_cast<QWidget*>(general->launchAtLoginBox()),
+              static_cast<QWidget*>(general->browserSection()),
+              static_cast<QWidget*>(window->saveButton())}) {
+            if (widget->isVisible()) { // the shown tab; a grab lays out the hidden one as well
+                points << widget->mapTo(window, QPoint(0, 0));
+            }
+        }
+        return points;
+    };
+    const QString shots = qEnvironmentVariable("VELNORA_SHOT_DIR");
+    for (int page = 0; page < window->tabs()->count(); ++page) {
+        window->tabs()->setCurrentIndex(page);
+        ASSERT_EQ(test::clippedInEitherAppearance(window), QStringList());
+        // Wrapped lines learn their width from the first layout: let it settle as it does on screen.
+        for (int pass = 0; pass < 3; ++pass) {
+            window->layout()->activate();
+            QCoreApplication::processEvents();
+        }
+        const QList<QPoint> quiet = positions();
+        api->modelListResult()->showMessage("5 个可用模型", Tone::success);
+        api->testResult()->showMessage("连接成功，模型回复：“你好”", Tone::success);
+        general->hotKeySection()->resultLine()->showMessage(
+            "快捷键 Ctrl+Alt+E 已被其他应用占用，请在菜单栏中更换。", Tone::error);
+        window->statusLine()->showMessage("设置已保存。", Tone::success);
+        window->layout()->activate();
+        QCoreApplication::processEvents();
+        EXPECT_EQ(positions(), quiet) << "page " << page;
+        if (!shots.isEmpty()) {
+            window->grab().save(QStringLiteral("%1/settings-%2-light.png").arg(shots).arg(page));
+            QApplication::setPalette(OverlayStyle::darkPalette());
+            QCoreApplication::processEvents();
+            window->grab().save(QStringLiteral("%1/settings-%2-dark.png").arg(shots).arg(page));
+            QApplication::setPalette(QApplication::style()->standardPalette());
+        }
+        for (ResultLine* line : {api->modelListResult(), api->testResult(),
+                                 general->hotKeySection()->resultLine(), window->statusLine()}) {
+            line->clearMessage();
+        }
+        window->layout()->activate();
+        QCoreApplication::processEvents();
+        EXPECT_EQ(positions(), quiet) << "page " << page;
+    }
 }

@@ -48,7 +48,7 @@ TEST_F(ConfigurationStoreTest, CorruptAndForeignValuesReadAsDefaults)
     raw.setValue(Keys::providerOverrides, QByteArray("{not json"));
     raw.setValue(Keys::lastKnownGoodProvider, QByteArray(R"({"providerID":"kimi","model":7})"));
     raw.sync();
-    store.settings().sync();
+    store.sync();
     EXPECT_EQ(store.executionMode(), ExecutionMode::browser);
     EXPECT_EQ(store.explanationDepth(), ExplanationDepth::balanced);
     EXPECT_EQ(store.browserProvider(), BrowserProvider::doubao);
@@ -58,7 +58,7 @@ TEST_F(ConfigurationStoreTest, CorruptAndForeignValuesReadAsDefaults)
     // Values written by hand (as plain strings) are understood too.
     raw.setValue(Keys::providerOverrides, QString(R"({"qwen":{"baseURL":"","model":"qwen-max"},"x":3})"));
     raw.sync();
-    store.settings().sync();
+    store.sync();
     EXPECT_EQ(store.providerOverride("qwen"), (ProviderOverride{"", "qwen-max"}));
 }
 

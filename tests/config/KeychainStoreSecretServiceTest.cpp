@@ -179,7 +179,53 @@ TEST(SecretServiceTest, AMissingOrSilentServiceFailsWithAClearErrorByTheDeadline
         EXPECT_TRUE(out.contains(expected + "\n")) << out.toStdString();
     }
 
-    const auto [exitCode, out] = run(test::velnoraBinary(), {"--repair-keychain-access"}, nowhere);
-    EXPECT_EQ(exitCode, 0);
-    EXPECT_EQ(out, "keychain-access-repair: no stored API keys\n");
+    // The repair mode names the missing or silent service instead of finding no keys.
+    for (const auto& c : cases) {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("DBUS_SESSION_BUS_ADDRESS", c.busAddress);
+        QProcess repair;
+        repair.setProcessEnvironment(environment);
+        repair.start(test::velnoraBinary(), {"--repair-keychain-access"});
+        ASSERT_TRUE(repair.waitForFinished(30000));
+        EXPECT_EQ(repair.exitCode(), 1);
+        EXPECT_EQ(repair.readAllStandardOutput(), "");
+        EXPECT_EQ(QString::fromUtf8(repair.readAllStandardError()),
+                  QStringLiteral("keychain-access-repair: 无法访问系统钥匙串：") + c.message + "\n");
+    }
+}
+
+TEST(SecretServiceTest, TheRepairWritesBackExactlyTheBytesItRead)
+{
+    KeychainStore store(uniqueService());
+    const struct
+    {
+        const char* provider;
+        QByteArray secret;
+    } items[] = {
+        {"doubao", "  sk-padded-key \n"},
+        {"kimi", "   "},
+        {"glm", "sk-plain"},
+    };
+    for (const auto& item : items) {
+        ASSERT_EQ(SecretServiceBackend::addItem({store.service(), item.provider, item.secret}), 0);
+    }
+    const auto outcome = KeychainRepairCommand::repairAll(store);
+    EXPECT_EQ(outcome.repaired, (QStringList{"doubao", "kimi", "glm"}));
+    EXPECT_EQ(outcome.failures, QStringList());
+    for (const auto& item : items) {
+        QByteArray secret;
+        ASSERT_EQ(SecretServiceBackend::copyItem({store.service(), item.provider, true}, &secret), 0)
+            << item.provider;
+        EXPECT_EQ(secret, item.secret) << item.provider;
+    }
+}
+
+TEST(SecretServiceTest, AFailedWriteKeepsTheKeyThatWasStored)
+{
+    KeychainStore store(uniqueService());
+    store.saveAPIKey("sk-kept", "qwen");
+    store.addItem = [](const KeychainItem&) { return KeychainError::timedOut; };
+    EXPECT_EQ(statusOf([&] { store.saveAPIKey("sk-new", "qwen"); }), KeychainError::timedOut);
+    EXPECT_EQ(statusOf([&] { store.repairAccess("qwen"); }), KeychainError::timedOut);
+    EXPECT_EQ(KeychainStore(store.service()).apiKey("qwen"), "sk-kept");
 }

@@ -1,6 +1,7 @@
 // The coordinator against a real client and a loopback server; only the card is a recording fake.
 #include "flow/ExplanationCoordinator.h"
 
+#include "flow/FlowTestSupport.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/TestEnvironment.h"
 
@@ -10,6 +11,7 @@
 #include <gtest/gtest.h>
 
 using namespace velnora;
+using test::chatStream;
 using test::ScriptedResponse;
 
 namespace {
@@ -39,6 +41,7 @@ public:
         events << "error";
         error = diagnosis;
     }
+    void showStopped() override { events << "stopped"; }
     void setStatus(const QString&, CardStatusTone) override {}
     void showFallback(const ProviderDefinition&, ExplanationDepth, ProviderField,
                       const QString& notice) override
@@ -47,17 +50,6 @@ public:
         text = notice;
     }
 };
-
-QByteArray chatStream(const QStringList& pieces)
-{
-    QByteArray body;
-    for (const QString& piece : pieces) {
-        const QJsonObject delta{{"content", piece}};
-        const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"index", 0}, {"delta", delta}}}}};
-        body += "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
-    }
-    return body + "data: [DONE]\n\n";
-}
 
 class ExplanationCoordinatorTest : public testing::Test
 {
@@ -117,12 +109,7 @@ TEST_F(ExplanationCoordinatorTest, AnswerBecomesKnownGoodAndFollowUpsCarryTheHis
     ASSERT_TRUE(waitForIdle());
     EXPECT_EQ(card.events, (QStringList{"present", "begin", "finish", "continue", "begin:followUp", "finish",
                                         "begin:followUp", "finish"}));
-    QStringList sent;
-    for (const auto& message :
-         QJsonDocument::fromJson(server.requests().at(2).body).object().value("messages").toArray()) {
-        sent << message.toObject().value("role").toString() + ":" +
-                    message.toObject().value("content").toString();
-    }
+    const QStringList sent = test::sentMessages(server.requests().at(2).body);
     EXPECT_EQ(sent.mid(1, 2), (QStringList{"user:" + depthInstruction(ExplanationDepth::fast) +
                                                "\n\n<待解释材料>\nmarginal cost\n</待解释材料>",
                                            "assistant:**边际成本**是……"}));
@@ -212,6 +199,7 @@ TEST_F(ExplanationCoordinatorTest, StopKeepsPartialTextAndIgnoresTheLateCompleti
     card.callbacks.onFollowUp("还有呢？");
     ASSERT_TRUE(server.waitForRequests(2));
     coordinator.stop();
+    EXPECT_EQ(card.events.last(), "stopped") << "no answer is no failure";
     EXPECT_EQ(coordinator.conversation().messages.size(), 3);
     EXPECT_EQ(coordinator.conversation().messages.last().role, ConversationMessage::Role::user);
 }

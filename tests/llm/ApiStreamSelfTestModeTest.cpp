@@ -1,4 +1,6 @@
 #include "LlmTestSupport.h"
+#include "app/ApiStreamSelfTest.h"
+#include "config/KeychainStore.h"
 
 #include <QProcess>
 #include <QTcpServer>
@@ -42,4 +44,46 @@ TEST_F(ApiStreamSelfTestMode, PrintsTheAnswerThenOkOrTheDiagnosis)
     EXPECT_EQ(run({refused}),
               "api-stream-self-test: 连不上这个地址，请检查 Base URL 或网络。（设置 → Base URL）  "
               "服务端原文：连接被拒绝\n1");
+}
+
+// A stored key goes only to its own service's official address; anywhere else gets the placeholder.
+TEST_F(ApiStreamSelfTestMode, AStoredKeyNeverLeavesForAnotherHost)
+{
+    // Keys in the session's real Secret Service for every service of the protocol, one with a stray space.
+    KeychainStore keychain;
+    QStringList stored;
+    for (const ProviderDefinition& definition : ProviderDefinition::builtIn()) {
+        if (definition.wireProtocol == ProviderWireProtocol::openAIChat &&
+            !keychain.hasAPIKey(definition.id)) {
+            keychain.saveAPIKey(" sk-must-stay-home ", definition.id);
+            stored << definition.id;
+        }
+    }
+    m_server.enqueue(ScriptedResponse::stream(captureBytes("openai-chat-pydanticai-deepseek-1.sse")));
+    QProcess process;
+    process.start(velnoraBinary(), {"--api-stream-self-test", m_server.url("/v1").toString()});
+    EXPECT_TRUE(process.waitForFinished(60000));
+    for (const QString& id : stored) {
+        keychain.saveAPIKey("", id);
+    }
+    EXPECT_EQ(m_server.requests().value(0).header("Authorization"),
+              QByteArray("Bearer ") + ApiStreamSelfTest::placeholderKey);
+    EXPECT_EQ(QString::fromUtf8(process.readAllStandardError()),
+              "api-stream-self-test: 使用占位 Key “velnora-self-test-key”：已保存的 Key "
+              "只发往所属服务的官方地址\n");
+
+    const ProviderDefinition& deepseek = ProviderDefinition::definition("deepseek");
+    const std::pair<const char*, bool> addresses[]{
+        {"https://api.deepseek.com", true},
+        {"https://API.DeepSeek.com/v1/", true},
+        {"https://api.deepseek.com:443/v1", true},
+        {"http://api.deepseek.com/v1", false},
+        {"https://api.deepseek.com:8443/v1", false},
+        {"https://api.deepseek.com.evil.test/v1", false},
+        {"https://evil.test/api.deepseek.com", false},
+        {"https://127.0.0.1/v1", false},
+    };
+    for (const auto& [address, official] : addresses) {
+        EXPECT_EQ(ApiStreamSelfTest::isOfficialAddress(deepseek, QUrl(address)), official) << address;
+    }
 }

@@ -1,6 +1,8 @@
 #include "LlmTestSupport.h"
 #include "config/ConfigurationError.h"
+#include "llm/ApiKeyCheck.h"
 #include "llm/LLMClient.h"
+#include "llm/ProviderDiagnostics.h"
 
 using namespace velnora;
 using namespace velnora::test;
@@ -100,13 +102,27 @@ TEST(LLMClientRequest, RequestsThatMayNotOrCannotBeSentThrowAndSendNothing)
                                         {ConversationMessage::user(QString(QChar(0xD800)))},
                                         acceptAnyAddress),
                  LLMClientError);
-    try {
-        LLMClient::makeRequest(
-            loopbackProvider("glm", ProviderWireProtocol::openAIChat, base, "m", "key\r\nX-Injected: 1"), "S",
-            {}, acceptAnyAddress);
-        ADD_FAILURE() << "no error thrown";
-    } catch (const LLMClientError& error) {
-        EXPECT_EQ(error, LLMClientError::invalidRequest());
-        EXPECT_EQ(error.description(), QStringLiteral("无法生成模型请求。"));
+    // A key that cannot stand in a header (a line break would inject one) names the API Key field and the
+    // character, whatever the protocol.
+    const std::tuple<QString, ProviderWireProtocol, QString> keys[]{
+        {"key\r\nX-Injected: 1", ProviderWireProtocol::openAIChat, "第 4 个字符是控制字符（U+000D）"},
+        {"sk-\u200Babc", ProviderWireProtocol::anthropicMessages, "第 4 个字符是看不见的零宽空格（U+200B）"},
+        {"sk-ａbc", ProviderWireProtocol::geminiGenerateContent,
+         "第 4 个字符是全角字符“ａ”（应为半角的“a”）"},
+        {"sk-\u00E9t\u00E9", ProviderWireProtocol::openAIResponses, "第 4 个字符是“é”（U+00E9）"},
+    };
+    for (const auto& [key, protocol, named] : keys) {
+        try {
+            LLMClient::makeRequest(loopbackProvider("glm", protocol, base, "m", key), "S", {},
+                                   acceptAnyAddress);
+            ADD_FAILURE() << "no error thrown for " << key.toStdString();
+        } catch (const LLMClientError& error) {
+            const ProviderDiagnosis diagnosis = ProviderDiagnostics::diagnose(error);
+            EXPECT_EQ(diagnosis.field, ProviderField::apiKey) << key.toStdString();
+            EXPECT_TRUE(diagnosis.summary.startsWith("API Key 的" + named + "，"))
+                << diagnosis.summary.toStdString();
+            EXPECT_EQ(ApiKeyCheck::problem(key), diagnosis.summary);
+        }
     }
+    EXPECT_EQ(ApiKeyCheck::problem("sk-Az09~!@#$%^&*()_+-={}[]|:;'<>,.?/ "), std::nullopt);
 }

@@ -101,6 +101,11 @@ TEST_F(StreamingTransportTest, EveryWayAnAnswerCanEnd)
     // Pieces 60 ms apart: longer than the time-out in all, but never silent for that long.
     ScriptedResponse trickle = ScriptedResponse::stream(captureBytes("anthropic-sdkpython-1.sse"), 40);
     trickle.pieceDelayMs = 60;
+    // A refusal sent as a stream: its error event is judged with the status.
+    ScriptedResponse rateLimitedStream = ScriptedResponse::stream(
+        R"(data: {"error":{"message":"Rate limit reached for requests","type":"rate_limit_error"}})"
+        "\n\n");
+    rateLimitedStream.status = 429;
     LoopbackHttpServer elsewhere;
     const QString noModel =
         "The model or endpoint doubao-typo-xyz does not exist or you do not have access to it.";
@@ -132,6 +137,15 @@ TEST_F(StreamingTransportTest, EveryWayAnAnswerCanEnd)
          QStringLiteral("请求失败（HTTP 302）：已找到")},
         {ScriptedResponse::json(200, R"({"error":{"message":")" + noModel.toUtf8() + R"("}})"), "", noModel},
         {ScriptedResponse::stream(QByteArray()), "", empty},
+        {rateLimitedStream, "", QStringLiteral("请求失败（HTTP 429）：Rate limit reached for requests")},
+        {ScriptedResponse::stream(
+             "event: response.output_text.delta\n"
+             R"(data: {"type":"response.output_text.delta","delta":"开头"})"
+             "\n\nevent: response.failed\n"
+             R"(data: {"type":"response.failed","response":{"status":"failed","error":)"
+             R"({"code":"server_error","message":"The server had an error processing your request."}}})"
+             "\n\n"),
+         "开头", "The server had an error processing your request.", ProviderWireProtocol::openAIResponses},
         {cutAfterHello(ScriptedResponse::Ending::stall), "Hello",
          QStringLiteral("网络请求失败（1 秒内没有收到任何数据）。")},
         {cutAfterHello(ScriptedResponse::Ending::drop), "Hello",

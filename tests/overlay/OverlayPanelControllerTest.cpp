@@ -1,33 +1,35 @@
 #include "overlay/OverlayPanelController.h"
 
+#include "overlay/CardProbe.h"
 #include "overlay/ExplanationPanel.h"
 #include "overlay/FollowUpField.h"
+#include "overlay/MarkdownRenderer.h"
 #include "overlay/PillPanel.h"
 #include "overlay/ToolbarButton.h"
 
 #include <QApplication>
+#include <QDesktopServices>
 #include <QKeyEvent>
+#include <QLabel>
 #include <QPushButton>
+#include <QScrollBar>
 #include <QTest>
+#include <QTextBlock>
 #include <QTextBrowser>
 #include <gtest/gtest.h>
 
 namespace velnora {
 namespace {
 
-// Clicks where no pointer can reach: the desktop's real source cannot be told where to click.
-class FakeClickSource : public OutsideClickSource
-{
-public:
-    bool start(Handler handler) override
-    {
-        handle = std::move(handler);
-        return true;
-    }
-    void stop() override { handle = nullptr; }
-    bool isActive() const override { return handle != nullptr; }
+using test::FakeClickSource;
 
-    Handler handle;
+// Stands in for the desktop's handlers of the schemes a link may carry: it records what the card opened.
+class LinkRecorder : public QObject
+{
+    Q_OBJECT
+public:
+    QList<QUrl> opened;
+    Q_INVOKABLE void open(const QUrl& url) { opened.append(url); }
 };
 
 // One screen with a 30-pixel top panel.
@@ -57,18 +59,7 @@ protected:
         card->beginResponse(false);
     }
 
-    // The status and what the user can press: the card's state as the user sees it.
-    QString state() const
-    {
-        QStringList offered{card->statusText()};
-        for (QPushButton* button :
-             {card->stopButton(), card->retryButton(), card->fixButton(), card->sendButton()}) {
-            if (button->isVisibleTo(card->panel()) && button->isEnabled()) {
-                offered << button->text();
-            }
-        }
-        return offered.join(" ");
-    }
+    QString state() const { return test::offeredState(*card); }
     QString shownText() const { return card->outputTextView()->toPlainText(); }
     bool cardVisible() const { return card->panel()->isVisible(); }
 
@@ -81,7 +72,7 @@ protected:
 TEST_F(OverlayPanelControllerTest, StreamingIsRenderedCoalescedAndFollowUpsAreSetOffByARule)
 {
     present();
-    EXPECT_EQ(state(), "正在解释 停止");
+    EXPECT_EQ(state(), "正在连接 停止") << "nothing has arrived yet";
     const int before = card->renderCount();
     for (int i = 0; i < 50; ++i) {
         card->appendText(QString("字%1").arg(i));
@@ -181,5 +172,125 @@ TEST_F(OverlayPanelControllerTest, OutsideClickCollapsesAFinishedUnpinnedCardToT
     EXPECT_EQ(calls, QStringList{"close"});
 }
 
+// The status text as drawn: its strokes carry the status's hue.
+TEST_F(OverlayPanelControllerTest, StatusTextIsDrawnInTheColourOfItsMoment)
+{
+    const auto drawnHues = [&] {
+        const QImage image = card->panel()->findChild<QLabel*>("statusLabel")->grab().toImage();
+        QSet<int> hues;
+        for (int y = 0; y < image.height(); ++y) {
+            for (int x = 0; x < image.width(); ++x) {
+                const QColor pixel = image.pixelColor(x, y);
+                if (pixel.hsvSaturation() > 128 && pixel.value() > 96) {
+                    hues.insert(pixel.hsvHue() / 30);
+                }
+            }
+        }
+        return hues;
+    };
+    present();
+    card->appendText("答");
+    card->setStatus("生成中", CardStatusTone::working);
+    EXPECT_TRUE(drawnHues().contains(card->statusColor().hsvHue() / 30)) << "blue while working";
+    card->finish();
+    EXPECT_TRUE(drawnHues().contains(card->statusColor().hsvHue() / 30)) << "green when done";
+    card->showError({"请求失败了。", std::nullopt, std::nullopt});
+    EXPECT_TRUE(drawnHues().contains(card->statusColor().hsvHue() / 30)) << "red on failure";
+}
+
+TEST_F(OverlayPanelControllerTest, WhatFollowsACodeListingCutOffMidwayIsNotCode)
+{
+    const ProviderDiagnosis dropped{"网络不可用或超时，稍后重试。", std::nullopt, std::nullopt};
+    // What is appended after an answer cut inside a listing, and the text that must not be code.
+    const std::tuple<QString, std::function<void()>, QString> cases[]{
+        {"an error", [&] { card->showError(dropped); }, "⚠️ 网络不可用或超时"},
+        {"a follow-up's answer",
+         [&] {
+             card->finish();
+             card->beginResponse(true);
+             card->appendText("追问的回答");
+             card->finish();
+         },
+         "追问的回答"},
+    };
+    for (const auto& [name, append, after] : cases) {
+        for (const QString& cut : {QString("```python\nprint(1)"), QString("前文\n\n  ```\nx = 1\n")}) {
+            present();
+            card->appendText(cut);
+            append();
+            const QTextDocument* document = card->outputTextView()->document();
+            const QTextBlock block = document->find(after).block();
+            ASSERT_TRUE(block.isValid()) << name.toStdString();
+            EXPECT_FALSE(block.blockFormat().hasProperty(MarkdownRenderer::codePanelProperty))
+                << name.toStdString() << " after " << cut.toStdString();
+            EXPECT_TRUE(document->find(cut.contains("print") ? "print(1)" : "x = 1")
+                            .block()
+                            .blockFormat()
+                            .hasProperty(MarkdownRenderer::codePanelProperty))
+                << "the listing itself stays code";
+        }
+    }
+}
+
+TEST_F(OverlayPanelControllerTest, OnlyWebAndMailLinksOpen)
+{
+    LinkRecorder recorder;
+    const QStringList schemes{"http", "https", "mailto", "file", "javascript", "ftp", "data"};
+    for (const QString& scheme : schemes) {
+        QDesktopServices::setUrlHandler(scheme, &recorder, "open");
+    }
+    present();
+    card->appendText("[网页甲](https://example.com/a) [邮件乙](mailto:someone@example.com) "
+                     "[文件丙](file:///etc/passwd) [脚本丁](javascript:alert(1)) [相对戊](notes/x.html) "
+                     "[网页己](http://example.com/b) [数据庚](data:text/html,x) [无址辛](https:///nohost)");
+    card->finish();
+    card->panel()->resize(900, 400);
+    QTextBrowser* view = card->outputTextView();
+    for (const QString& text :
+         {"网页甲", "邮件乙", "文件丙", "脚本丁", "相对戊", "网页己", "数据庚", "无址辛"}) {
+        QTextCursor found = view->document()->find(text);
+        ASSERT_FALSE(found.isNull()) << text.toStdString();
+        found.setPosition(found.selectionStart() + 1);
+        // A press and release on the link, as the user clicks it.
+        QTest::mouseClick(view->viewport(), Qt::LeftButton, {},
+                          view->cursorRect(found).center() + QPoint(3, 0));
+    }
+    for (const QString& scheme : schemes) {
+        QDesktopServices::unsetUrlHandler(scheme);
+    }
+    EXPECT_EQ(recorder.opened, (QList<QUrl>{QUrl("https://example.com/a"), QUrl("mailto:someone@example.com"),
+                                            QUrl("http://example.com/b")}));
+    EXPECT_TRUE(view->source().isEmpty()) << "the card never navigates away from the answer";
+}
+
+TEST_F(OverlayPanelControllerTest, RendersFollowTheEndOnlyWhileTheReaderIsThere)
+{
+    present();
+    QScrollBar* bar = card->outputTextView()->verticalScrollBar();
+    const auto stream = [&](int lines) {
+        for (int i = 0; i < lines; ++i) {
+            card->appendText(QString("第 %1 段回答。\n\n").arg(i));
+        }
+        card->renderImmediately();
+    };
+    stream(80);
+    ASSERT_GT(bar->maximum(), 0);
+    EXPECT_EQ(bar->value(), bar->maximum()) << "a reader at the end follows it";
+
+    bar->setValue(0); // scrolled back to read the start
+    stream(40);
+    EXPECT_EQ(bar->value(), 0);
+    bar->setValue(bar->maximum() / 2);
+    const int middle = bar->value();
+    stream(40);
+    EXPECT_EQ(bar->value(), middle);
+
+    bar->setValue(bar->maximum());
+    stream(40);
+    EXPECT_EQ(bar->value(), bar->maximum());
+}
+
 } // namespace
 } // namespace velnora
+
+#include "OverlayPanelControllerTest.moc"

@@ -1,0 +1,53 @@
+#pragma once
+
+#include "capture/HotKeyChoice.h"
+
+#include <QGroupBox>
+#include <functional>
+
+class QComboBox;
+class QKeySequenceEdit;
+class QLabel;
+
+namespace velnora {
+
+class ResultLine;
+
+// "全局快捷键": the three combinations and "自定义…", which records any combination with at least one
+// of Ctrl, Alt and Super. A choice takes effect at once, as in the tray menu, so a taken key is
+// reported while the user is still here.
+class HotKeySection : public QGroupBox
+{
+    Q_OBJECT
+public:
+    // Registers and stores the choice; the sentence to show when it could not be registered.
+    using Apply = std::function<std::optional<QString>(const HotKeyChoice&)>;
+
+    HotKeySection(Apply apply, QWidget* parent = nullptr);
+
+    // Shows the saved choice, and a conflict when it is not registered now.
+    void load(const HotKeyChoice& current, bool registered, const QString& conflict);
+    // Records a combination as if the user had pressed it in the recorder.
+    void record(const QKeyCombination& combination);
+    // Shows a choice made elsewhere (the tray menu).
+    void showChoice(const HotKeyChoice& current) { showCurrent(current); }
+    bool isRecording() const;
+
+    QComboBox* choiceBox() const { return m_choices; }
+    QKeySequenceEdit* recorder() const { return m_recorder; }
+    ResultLine* resultLine() const { return m_result; }
+
+private:
+    void choose(int index);
+    void apply(const HotKeyChoice& choice);
+    void showCurrent(const HotKeyChoice& current);
+
+    Apply m_apply;
+    QComboBox* m_choices;
+    QLabel* m_recorderHint;
+    QKeySequenceEdit* m_recorder;
+    ResultLine* m_result;
+    HotKeyChoice m_current;
+};
+
+} // namespace velnora
