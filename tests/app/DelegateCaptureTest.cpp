@@ -5,14 +5,12 @@
 #include "CaptureTestData.h"
 #include "app/AppDelegate.h"
 #include "app/FeedbackPresenter.h"
-#include "app/FirstRunHint.h"
 #include "app/ProcessArguments.h"
 #include "capture/SelectionReadError.h"
 #include "support/TestEnvironment.h"
 
 #include <QDir>
 #include <QFile>
-#include <QSettings>
 #include <QStandardPaths>
 #include <QTimer>
 #include <csignal>
@@ -34,7 +32,7 @@ protected:
             GTEST_SKIP() << "needs the private desktop session";
         }
         ConfigurationStore().setDidShowVersion2Setup(true);
-        ConfigurationStore().settings().setValue(FirstRunHint::trayHintShownKey, true);
+        ConfigurationStore().setDidShowNoTrayHint(true);
         // The tools, but no browser for a queued request to start.
         for (const char* tool : {"xclip", "xdotool", "xprop", "wish", "mate-settings-daemon"}) {
             const QString found = QStandardPaths::findExecutable(QString::fromLatin1(tool));
