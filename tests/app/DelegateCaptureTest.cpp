@@ -135,7 +135,18 @@ TEST_F(DelegateCaptureTest, SigtermQuitsReleasingTheKeyAndHandingTheClipboardToT
     ASSERT_TRUE(spinUntil([] { return clipboardText() == CaptureTestData::earlierText; }, 5000));
     BackgroundTool app(velnoraBinary(), {});
     ASSERT_TRUE(spinUntil([] { return !keyIsFree(); }, 10000)) << "the application never took the key";
-    // MATE's clipboard manager keeps a clipboard only when its owner asks it to (SAVE_TARGETS).
+    // MATE's clipboard manager keeps a clipboard only when its owner asks it to (SAVE_TARGETS). Its other
+    // plugins stay off: they would change the display's settings for every later test.
+    QFile keyfile(m_home.configHome() + QStringLiteral("/glib-2.0/settings/keyfile"));
+    ASSERT_TRUE(QDir().mkpath(m_home.configHome() + QStringLiteral("/glib-2.0/settings")));
+    ASSERT_TRUE(keyfile.open(QIODevice::WriteOnly));
+    for (const char* plugin : {"a11y-keyboard", "a11y-settings", "background", "datetime", "housekeeping",
+                               "keybindings", "keyboard", "media-keys", "mouse", "mpris", "rfkill",
+                               "smartcard", "sound", "typing-break", "xrandr", "xrdb", "xsettings"}) {
+        keyfile.write(QByteArray("[org/mate/settings-daemon/plugins/") + plugin + "]\nactive=false\n");
+    }
+    keyfile.close();
+    m_environment.set("GSETTINGS_BACKEND", "keyfile");
     BackgroundTool manager(QStringLiteral("mate-settings-daemon"), {});
     spinFor(2000); // it takes CLIPBOARD_MANAGER among its start-up work
 
