@@ -9,6 +9,7 @@
 #include "CaptureDesktopSupport.h"
 #include "DesktopProbe.h"
 #include "InterceptingProxy.h"
+#include "bridge/RequestStore.h"
 #include "config/ConfigurationStore.h"
 #include "config/KeychainStore.h"
 #include "config/ProviderCatalog.h"
@@ -209,6 +210,61 @@ void measureFootprint(const QStringList& command, const QStringList& environment
     afterCard.print("one explanation, card closed");
 }
 
+// Spins in 1 ms steps so that the figure is not rounded to Qt's 10 ms test waits; false after 10 s.
+bool pollUntil(const std::function<bool()>& condition)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!condition()) {
+        if (clock.elapsed() > 10000) {
+            return false;
+        }
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+        usleep(1000);
+    }
+    return true;
+}
+
+// Hot key to card (API mode) and to the queued record (browser mode) with a GTK entry in front, whose
+// window the key grab deactivates until the key is up.
+void reportGtkSourceFigures(const QString& settingsPath, const QStringList& command,
+                            const QStringList& environment, const QString& emptyPath, int runs)
+{
+    std::vector<double> toCard, toQueue;
+    for (int run = 0; run < runs; ++run) {
+        for (const ExecutionMode mode : {ExecutionMode::api, ExecutionMode::browser}) {
+            ConfigurationStore(settingsPath).setExecutionMode(mode);
+            Application app(command, environment, emptyPath);
+            app.trayReadyMs();
+            BackgroundTool gtk(
+                QStringLiteral("/usr/bin/python3"),
+                {QStringLiteral(CAPTURE_SOURCES_DIR "/gtk_source.py"), QStringLiteral("entry")});
+            gtk.readyLine();
+            spinFor(300);
+            QElapsedTimer clock;
+            clock.start();
+            pressHotKey();
+            if (mode == ExecutionMode::api) {
+                const bool shown =
+                    pollUntil([&] { return DesktopProbe::shownWindow(app.pid(), 200, 100).has_value(); });
+                toCard.push_back(shown ? clock.nsecsElapsed() / 1e6 : -1);
+            } else {
+                const bool queued = pollUntil([] { return !RequestStore().pendingRequests().empty(); });
+                toQueue.push_back(queued ? clock.nsecsElapsed() / 1e6 : -1);
+                for (const RequestStore::Pending& pending : RequestStore().pendingRequests()) {
+                    RequestStore().acknowledge(pending.request.id);
+                }
+            }
+        }
+    }
+    ConfigurationStore(settingsPath).setExecutionMode(ExecutionMode::api);
+    std::printf("bench_app: GTK source, %d runs\n", runs);
+    std::printf("  hot key to card shown, GTK entry     p50 %6.1f ms  p90 %6.1f ms\n",
+                bench::percentile(toCard, 0.5), bench::percentile(toCard, 0.9));
+    std::printf("  hot key to queued record, GTK entry  p50 %6.1f ms  p90 %6.1f ms\n",
+                bench::percentile(toQueue, 0.5), bench::percentile(toQueue, 0.9));
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -303,6 +359,7 @@ int main(int argc, char** argv)
         }
     }
     measureFootprint(command, environment, emptyPath.path(), runs);
+    reportGtkSourceFigures(settingsPath, command, environment, emptyPath.path(), runs);
     KeychainStore().saveAPIKey(QString(), QStringLiteral("doubao"));
     trayHost.terminate();
     trayHost.waitForFinished(3000);

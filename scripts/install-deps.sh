@@ -21,6 +21,7 @@ test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   xvfb xauth dbus dbus-x11 libsecret-tools
   xdotool xclip x11-utils imagemagick fonts-wqy-microhei trayer
+  python3-gi gir1.2-gtk-3.0 tk xterm mate-settings-daemon
   chromium nodejs npm
   openssl
   lintian desktop-file-utils appstream man-db

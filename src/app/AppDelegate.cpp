@@ -10,6 +10,7 @@
 #include "app/LaunchAtLogin.h"
 #include "app/ModeResult.h"
 #include "app/ProcessArguments.h"
+#include "app/TerminationSignals.h"
 #include "bridge/BridgeDiagnostics.h"
 #include "bridge/BridgeRepair.h"
 #include "bridge/BrowserProviderSync.h"
@@ -158,7 +159,11 @@ void AppDelegate::applicationDidFinishLaunching(const ProcessArguments& argument
     writeRuntimeStatus();
     m_runtimeStatusTimer.start();
     // 8.
+    trackActiveApplication();
     connect(m_control, &ControlService::notificationReceived, this, &AppDelegate::handleNotification);
+    // Quitting from the menu, by SIGTERM or by Ctrl+C goes through the same clean-up.
+    connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::prepareToQuit);
+    connect(new TerminationSignals(this), &TerminationSignals::received, qApp, &QCoreApplication::quit);
     // 9.
     if (arguments.has(QStringLiteral("--preview-overlay"))) {
         QMetaObject::invokeMethod(
@@ -198,6 +203,7 @@ void AppDelegate::buildStatusMenu()
 
     menu->setCurrentMode(m_configuration->executionMode());
     menu->setCurrentHotKey(HotKeyChoice::fromID(m_configuration->globalHotKeyID()).id);
+    connect(m_hotKey, &GlobalHotKey::conflictChanged, menu, &StatusMenu::setHotKeyConflict);
     menu->launchAtLoginItem()->setChecked(LaunchAtLogin::isEnabled());
     menu->setExplainItem(StatusMenu::explainMenuItemTitle(std::nullopt, std::nullopt));
     // The settings window may change the mode.
@@ -231,6 +237,27 @@ void AppDelegate::installHostManifest()
 QString AppDelegate::hotKeyTakenMessage(const HotKeyChoice& choice)
 {
     return QStringLiteral("快捷键 ") + choice.title + QStringLiteral(" 已被其他应用占用，请在菜单栏中更换。");
+}
+
+void AppDelegate::trackActiveApplication()
+{
+    m_activeApplications = CapturePlatform::createActiveApplicationTracker();
+    if (!m_activeApplications) {
+        return;
+    }
+    const auto remember = [this](std::optional<qint64> process) {
+        if (process && *process != QCoreApplication::applicationPid()) {
+            m_lastActiveApplicationPID = process;
+        }
+    };
+    remember(m_activeApplications->activeProcess());
+    m_activeApplications->watch(remember);
+}
+
+void AppDelegate::prepareToQuit()
+{
+    m_hotKey->release();
+    m_selectionReader.handOffClipboard();
 }
 
 void AppDelegate::registerHotKey()
@@ -388,7 +415,8 @@ void AppDelegate::scheduleDeliveryCheck(const QString& requestID)
 void AppDelegate::explainCurrentSelection()
 {
     if (m_selectionReader.isReading()) {
-        return; // a second press while the first read runs
+        showFeedback(SelectionReadError(SelectionReadError::Case::noSelection).description(), 2.5);
+        return;
     }
     SelectionResult selection;
     try {

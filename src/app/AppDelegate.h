@@ -4,6 +4,7 @@
 #include "app/settings/SettingsWindow.h"
 #include "bridge/BridgeDiagnosis.h"
 #include "bridge/RequestStore.h"
+#include "capture/ActiveApplicationTracker.h"
 #include "capture/GlobalHotKey.h"
 #include "capture/SelectionReader.h"
 #include "capture/SelectionResult.h"
@@ -99,6 +100,8 @@ public:
     OverlayPanelController* overlay() const { return m_overlay.get(); }
     bool isAccessibilityMonitorRunning() const { return m_accessibilityMonitorTimer.isActive(); }
     bool isHotKeyRegistered() const { return m_hotKeyRegistered; }
+    GlobalHotKey* hotKey() const { return m_hotKey; }
+    std::optional<qint64> lastActiveApplicationPID() const { return m_lastActiveApplicationPID; }
 
 Q_SIGNALS:
     // A browser request was queued (its identifier), for tests and benchmarks.
@@ -118,6 +121,9 @@ private:
     void releaseClosedCard();
     void showAbout();
     void checkForUpdates();
+    void trackActiveApplication();
+    // At quit, however it comes: the key goes back to the desktop, the clipboard to a manager.
+    void prepareToQuit();
 
     Options m_options;
     // In the order the application needs them.
@@ -136,6 +142,7 @@ private:
     ControlService* m_control = nullptr;
     ProductUpdates* m_updates = nullptr;
     QPointer<AboutWindow> m_aboutWindow;
+    std::unique_ptr<ActiveApplicationTracker> m_activeApplications;
     std::optional<qint64> m_lastActiveApplicationPID;
     std::optional<SelectionResult> m_previewedSelection;
     std::optional<ExplainSource> m_explainSource;

@@ -1,6 +1,7 @@
 #include "app/ControlBus.h"
 
 #include "app/ModeResult.h"
+#include "config/SessionBus.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -12,6 +13,15 @@ namespace velnora::ControlBus {
 namespace {
 
 constexpr int callTimeoutMs = 5000;
+
+// Asked before the first connection attempt, which would otherwise autolaunch a stray bus.
+std::optional<QString> missingSessionBus()
+{
+    if (SessionBus::isConfigured()) {
+        return std::nullopt;
+    }
+    return QStringLiteral("没有正在运行的 D-Bus 会话总线，无法联系澜镜；请在桌面会话中运行此命令。");
+}
 
 std::optional<QString> unreachableBus(const QDBusConnection& bus)
 {
@@ -47,6 +57,9 @@ std::optional<QString> startIfActivatable(QDBusConnection& bus)
 int sendMode(const ProcessArguments& arguments, const char* mode, const char* name)
 {
     QCoreApplication application(arguments.argc(), arguments.argv());
+    if (const std::optional<QString> failure = missingSessionBus()) {
+        return ModeResult::report(QString::fromLatin1(mode), *failure);
+    }
     QDBusConnection bus = QDBusConnection::sessionBus();
     std::optional<QString> failure = unreachableBus(bus);
     if (!failure) {
@@ -62,6 +75,9 @@ int sendMode(const ProcessArguments& arguments, const char* mode, const char* na
 
 std::optional<QString> broadcast(const QString& name)
 {
+    if (auto failure = missingSessionBus()) {
+        return failure;
+    }
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (auto failure = unreachableBus(bus)) {
         return failure;
@@ -88,6 +104,9 @@ std::optional<QString> requestExplanation(const QString& text, bool* notRunning)
 {
     if (notRunning) {
         *notRunning = false;
+    }
+    if (auto failure = missingSessionBus()) {
+        return failure;
     }
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (auto failure = unreachableBus(bus)) {

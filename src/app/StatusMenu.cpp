@@ -3,6 +3,7 @@
 #include "app/GraphemeText.h"
 
 #include <QActionGroup>
+#include <QStyle>
 
 namespace velnora {
 
@@ -86,7 +87,6 @@ void StatusMenu::setExplainItem(const ExplainItem& item)
 {
     m_explain->setText(item.title);
     m_explain->setEnabled(item.enabled);
-    m_explainSource = item.source;
 }
 
 void StatusMenu::setCurrentMode(ExecutionMode mode)
@@ -96,13 +96,39 @@ void StatusMenu::setCurrentMode(ExecutionMode mode)
     }
 }
 
+QString StatusMenu::hotKeyConflictMenuTitle(const HotKeyChoice& choice)
+{
+    return QStringLiteral("全局快捷键（") + choice.title + QStringLiteral(" 已被占用，请更换）");
+}
+
+QString StatusMenu::hotKeyConflictItemTitle(const HotKeyChoice& choice)
+{
+    return choice.title + QStringLiteral("（已被其他应用占用）");
+}
+
 void StatusMenu::setCurrentHotKey(const QString& choiceID)
 {
-    const HotKeyChoice& choice = HotKeyChoice::choice(choiceID);
-    for (auto it = m_hotKeyItems.cbegin(); it != m_hotKeyItems.cend(); ++it) {
-        it.value()->setChecked(it.key() == choice.id);
+    m_currentHotKey = HotKeyChoice::fromID(choiceID).id;
+    showHotKeyState();
+}
+
+void StatusMenu::setHotKeyConflict(bool conflict)
+{
+    m_hotKeyConflict = conflict;
+    showHotKeyState();
+}
+
+void StatusMenu::showHotKeyState()
+{
+    const HotKeyChoice current = HotKeyChoice::fromID(m_currentHotKey);
+    for (const HotKeyChoice& choice : HotKeyChoice::all()) {
+        QAction* item = m_hotKeyItems.value(choice.id);
+        const bool taken = m_hotKeyConflict && choice.id == current.id;
+        item->setChecked(choice.id == current.id);
+        item->setText(taken ? hotKeyConflictItemTitle(choice) : choice.title);
     }
-    m_hotKeyMenu->setTitle(hotKeyMenuTitle(choice));
+    m_hotKeyMenu->setTitle(m_hotKeyConflict ? hotKeyConflictMenuTitle(current) : hotKeyMenuTitle(current));
+    m_hotKeyMenu->setIcon(m_hotKeyConflict ? style()->standardIcon(QStyle::SP_MessageBoxWarning) : QIcon());
 }
 
 } // namespace velnora

@@ -39,10 +39,15 @@ public:
     static QString preview(const QString& text);
     static QString modeTitle(ExecutionMode mode);
     static QString hotKeyMenuTitle(const HotKeyChoice& choice);
+    // The submenu's title while the chosen combination is held by another application.
+    static QString hotKeyConflictMenuTitle(const HotKeyChoice& choice);
+    static QString hotKeyConflictItemTitle(const HotKeyChoice& choice);
 
     void setExplainItem(const ExplainItem& item);
     void setCurrentMode(ExecutionMode mode);
     void setCurrentHotKey(const QString& choiceID);
+    // Shown on the chosen combination and the submenu until a registration succeeds.
+    void setHotKeyConflict(bool conflict);
 
     QAction* explainItem() const { return m_explain; }
     QMenu* modeMenu() const { return m_modeMenu; }
@@ -56,7 +61,6 @@ public:
     QAction* updatesItem() const { return m_updates; }
     QAction* launchAtLoginItem() const { return m_launchAtLogin; }
     QAction* quitItem() const { return m_quit; }
-    std::optional<ExplainSource> explainSource() const { return m_explainSource; }
 
 private:
     QAction* m_explain = nullptr;
@@ -71,7 +75,10 @@ private:
     QAction* m_updates = nullptr;
     QAction* m_launchAtLogin = nullptr;
     QAction* m_quit = nullptr;
-    std::optional<ExplainSource> m_explainSource;
+    QString m_currentHotKey;
+    bool m_hotKeyConflict = false;
+
+    void showHotKeyState();
 };
 
 } // namespace velnora

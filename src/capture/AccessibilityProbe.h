@@ -2,7 +2,6 @@
 
 #include <QRectF>
 #include <QString>
-
 #include <chrono>
 #include <memory>
 #include <optional>
@@ -30,7 +29,11 @@ public:
     // one of whichever application holds the active window, the one of the window with input focus.
     // With a timeout every call to another application is bounded by it.
     virtual std::vector<std::unique_ptr<AccessibleElement>>
-    focusedElements(std::optional<qint64> preferredProcess, std::optional<std::chrono::milliseconds> timeout) = 0;
+    focusedElements(std::optional<qint64> preferredProcess,
+                    std::optional<std::chrono::milliseconds> timeout) = 0;
+    // Whether the application holding the focused window answers on the accessibility bus, so that a
+    // missing focused element means "not yet" (a window re-activating after a key grab), not "never".
+    virtual bool focusedApplicationIsAccessible() = 0;
 };
 
 } // namespace velnora

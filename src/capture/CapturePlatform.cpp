@@ -1,38 +1,63 @@
 #include "capture/CapturePlatform.h"
 
-#include "capture/x11/AtspiAccessibilityProbe.h"
-#include "capture/x11/X11Clipboard.h"
-#include "capture/x11/X11Connection.h"
-#include "capture/x11/X11HotKeyBackend.h"
-#include "capture/x11/X11Keyboard.h"
+#include "capture/x11/X11CapturePlatform.h"
+
+#include <QByteArray>
 
 namespace velnora {
 
+CapturePlatform::Backend CapturePlatform::currentBackend()
+{
+    if (qgetenv("VELNORA_CAPTURE_BACKEND") == "none") {
+        return Backend::none;
+    }
+    // Wayland sessions run us through XWayland, so the X11 backend serves there too until one of their
+    // own exists.
+    return Backend::x11;
+}
+
 CapturePlatform CapturePlatform::create()
 {
-    CapturePlatform platform;
-    std::shared_ptr<X11Connection> connection = X11Connection::open();
-    if (!connection) {
-        return platform;
+    switch (currentBackend()) {
+    case Backend::x11:
+        return X11CapturePlatform::create();
+    case Backend::none:
+        break;
     }
-    platform.clipboard = std::make_unique<X11Clipboard>(connection);
-    platform.keyboard = std::make_unique<X11Keyboard>(connection);
-    platform.accessibility = std::make_unique<AtspiAccessibilityProbe>(
-        [connection] { return connection->focusedWindow().processId; });
-    return platform;
+    return {};
 }
 
 std::unique_ptr<HotKeyBackend> CapturePlatform::createHotKeyBackend()
 {
-    if (auto connection = X11Connection::open()) {
-        return std::make_unique<X11HotKeyBackend>(std::move(connection));
+    switch (currentBackend()) {
+    case Backend::x11:
+        return X11CapturePlatform::createHotKeyBackend();
+    case Backend::none:
+        break;
+    }
+    return nullptr;
+}
+
+std::unique_ptr<ActiveApplicationTracker> CapturePlatform::createActiveApplicationTracker()
+{
+    switch (currentBackend()) {
+    case Backend::x11:
+        return X11CapturePlatform::createActiveApplicationTracker();
+    case Backend::none:
+        break;
     }
     return nullptr;
 }
 
 bool CapturePlatform::isTrusted()
 {
-    return X11Connection::open() != nullptr;
+    switch (currentBackend()) {
+    case Backend::x11:
+        return X11CapturePlatform::isDisplayReachable();
+    case Backend::none:
+        break;
+    }
+    return false;
 }
 
 } // namespace velnora

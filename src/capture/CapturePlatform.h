@@ -1,6 +1,7 @@
 #pragma once
 
 #include "capture/AccessibilityProbe.h"
+#include "capture/ActiveApplicationTracker.h"
 #include "capture/ClipboardAccess.h"
 #include "capture/HotKeyBackend.h"
 #include "capture/KeyStrokeInjector.h"
@@ -9,16 +10,21 @@
 
 namespace velnora {
 
-// The platform's capture mechanisms, picked at run time. Members are null where the session offers
+// The platform's capture mechanisms. This is the one place that picks a backend, at run time;
+// VELNORA_CAPTURE_BACKEND=none forces a session without any. Members are null where the session offers
 // no such mechanism (no display at all; Wayland without XWayland).
 struct CapturePlatform
 {
+    enum class Backend { x11, none };
+    static Backend currentBackend();
+
     std::unique_ptr<AccessibilityProbe> accessibility;
     std::unique_ptr<ClipboardAccess> clipboard;
     std::unique_ptr<KeyStrokeInjector> keyboard;
 
     static CapturePlatform create();
     static std::unique_ptr<HotKeyBackend> createHotKeyBackend();
+    static std::unique_ptr<ActiveApplicationTracker> createActiveApplicationTracker();
     // Capture can work in this session: an X display answers (XTest and the selections need no
     // permission there).
     static bool isTrusted();

@@ -2,7 +2,6 @@
 
 #include <QByteArray>
 #include <QString>
-
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -31,9 +30,13 @@ public:
     virtual ~ClipboardAccess() = default;
     virtual std::optional<QString> primaryText() = 0;
     virtual std::optional<QString> clipboardText() = 0;
-    virtual ClipboardSnapshot snapshotClipboard() = 0;
+    // None when some format could not be read whole in time: restoring less would lose the rest.
+    virtual std::optional<ClipboardSnapshot> snapshotClipboard() = 0;
     // Puts the snapshot back on CLIPBOARD (an empty one leaves it without owner).
     virtual void restoreClipboard(const ClipboardSnapshot& snapshot) = 0;
+    // While this process owns CLIPBOARD, asks a running clipboard manager to take a copy, so the content
+    // outlives the process. False when there is nothing to hand over, no manager or no answer in time.
+    virtual bool handOffToClipboardManager() = 0;
     // Grows by one each time the CLIPBOARD changes hands, our own writes included.
     virtual std::uint64_t clipboardChangeCount() = 0;
 };

@@ -8,10 +8,14 @@ GlobalHotKey::GlobalHotKey(QObject* parent) : GlobalHotKey(CapturePlatform::crea
 
 GlobalHotKey::GlobalHotKey(std::unique_ptr<HotKeyBackend> backend, QObject* parent)
     : QObject(parent), m_backend(std::move(backend))
-{
-}
+{}
 
 GlobalHotKey::~GlobalHotKey()
+{
+    release();
+}
+
+void GlobalHotKey::release()
 {
     if (m_backend) {
         m_backend->release();
@@ -20,14 +24,13 @@ GlobalHotKey::~GlobalHotKey()
 
 bool GlobalHotKey::registerChoice(const HotKeyChoice& choice, std::function<void()> action)
 {
-    if (m_backend) {
-        m_backend->release();
-    }
+    release();
     m_action = std::move(action);
-    if (!m_backend) {
-        return false;
+    const bool grabbed = m_backend && m_backend->grab(choice.modifiers, choice.key, [this] { pressed(); });
+    if (std::exchange(m_conflict, !grabbed) != !grabbed) {
+        Q_EMIT conflictChanged(m_conflict);
     }
-    return m_backend->grab(choice.modifiers, choice.key, [this] { pressed(); });
+    return grabbed;
 }
 
 void GlobalHotKey::pressed()

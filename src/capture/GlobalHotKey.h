@@ -4,7 +4,6 @@
 #include "capture/HotKeyChoice.h"
 
 #include <QObject>
-
 #include <functional>
 #include <memory>
 
@@ -23,12 +22,20 @@ public:
     // Drops the previous combination first, so a failure leaves none. False when the combination is
     // taken by another application or no hot key can be grabbed in this session.
     bool registerChoice(const HotKeyChoice& choice, std::function<void()> action);
+    // The combination last asked for is not held: another application has it, or none can be grabbed.
+    bool hasConflict() const { return m_conflict; }
+    // Gives up the combination (at quit), so the key works elsewhere at once.
+    void release();
+
+Q_SIGNALS:
+    void conflictChanged(bool conflict);
 
 private:
     void pressed();
 
     std::unique_ptr<HotKeyBackend> m_backend;
     std::function<void()> m_action;
+    bool m_conflict = false;
 };
 
 } // namespace velnora

@@ -7,8 +7,8 @@ class KeyStrokeInjector
 {
 public:
     virtual ~KeyStrokeInjector() = default;
-    // True while Shift, Ctrl, Alt or Super is held.
-    virtual bool modifiersHeld() = 0;
+    // True while any key is down, the hot key's own included: a copy typed now would mix with it.
+    virtual bool keysHeld() = 0;
     // Ctrl+C, or Ctrl+Shift+C when the focused window is a terminal. False when nothing could be sent.
     virtual bool postCopyShortcut() = 0;
 };

@@ -15,6 +15,9 @@ QString SelectionReadError::description() const
         return QStringLiteral("无法通过剪贴板读取当前选区。");
     case Case::selectionTooLong:
         return QStringLiteral("选中的文字过长，请缩短到 10 万字以内。");
+    case Case::clipboardNotSaved:
+        return QStringLiteral(
+            "剪贴板里的内容无法完整保存，为免丢失没有自动复制；请先 Ctrl+C 复制，再用菜单栏的“解释剪贴板”。");
     }
     return {};
 }

@@ -13,6 +13,8 @@ public:
         noSelection,
         clipboardUnavailable,
         selectionTooLong,
+        // The synthetic copy was not tried because the clipboard could not be saved whole first.
+        clipboardNotSaved,
     };
 
     explicit SelectionReadError(Case errorCase) : m_case(errorCase) {}

@@ -16,6 +16,11 @@ namespace {
 
 constexpr auto modifierReleaseTimeout = 600ms;
 constexpr auto clipboardChangeTimeout = 700ms;
+// The hot key's grab makes GTK windows report themselves inactive until its key goes up, so the read
+// waits for the keys first; a hold longer than this reads whatever can be seen.
+constexpr auto hotKeyReleaseTimeout = 2000ms;
+// After the grab ends, the window needs a moment to take its focus back.
+constexpr auto reactivationTimeout = 150ms;
 constexpr auto peekMessagingTimeout = 250ms;
 constexpr auto waitSlice = 20ms;
 
@@ -61,8 +66,18 @@ SelectionResult SelectionReader::readSelection()
     }
     ReadingGuard guard(m_isReading);
 
-    if (auto result = readAccessible(Walk::read, std::nullopt, std::nullopt)) {
-        return *result;
+    waitForModifiersToClear(hotKeyReleaseTimeout);
+    std::optional<SelectionResult> found = readAccessible(Walk::read, std::nullopt, std::nullopt);
+    if (!found && m_platform.accessibility && m_platform.accessibility->focusedApplicationIsAccessible()) {
+        waitUntil(
+            [&] {
+                found = readAccessible(Walk::read, std::nullopt, std::nullopt);
+                return found.has_value();
+            },
+            reactivationTimeout);
+    }
+    if (found) {
+        return *found;
     }
     if (auto primary = trimmedText(m_platform.clipboard->primaryText())) {
         return {*primary, std::nullopt};
@@ -95,8 +110,14 @@ SelectionResult SelectionReader::clipboardText()
     throw SelectionReadError(SelectionReadError::Case::clipboardUnavailable);
 }
 
-std::optional<SelectionResult> SelectionReader::readAccessible(Walk walk, std::optional<qint64> process,
-                                                               std::optional<std::chrono::milliseconds> timeout)
+bool SelectionReader::handOffClipboard()
+{
+    return m_platform.clipboard && m_platform.clipboard->handOffToClipboardManager();
+}
+
+std::optional<SelectionResult>
+SelectionReader::readAccessible(Walk walk, std::optional<qint64> process,
+                                std::optional<std::chrono::milliseconds> timeout)
 {
     if (!m_platform.accessibility) {
         return std::nullopt;
@@ -123,12 +144,19 @@ std::optional<SelectionResult> SelectionReader::readAccessible(Walk walk, std::o
 std::optional<QString> SelectionReader::copySelectionAndRestoreClipboard()
 {
     ClipboardAccess& clipboard = *m_platform.clipboard;
-    const ClipboardSnapshot snapshot = clipboard.snapshotClipboard();
+    const std::optional<ClipboardSnapshot> snapshot = clipboard.snapshotClipboard();
+    if (!snapshot) {
+        // Copying over a clipboard we could not keep whole would lose the user's content.
+        throw SelectionReadError(SelectionReadError::Case::clipboardNotSaved);
+    }
     const std::uint64_t before = clipboard.clipboardChangeCount();
 
     bool changed = false;
     for (int attempt = 0; attempt < 2 && !changed; ++attempt) {
-        waitForModifiersToClear(modifierReleaseTimeout);
+        // A copy typed into held keys becomes another shortcut, or a plain "c" over the selection.
+        if (!waitForModifiersToClear(modifierReleaseTimeout)) {
+            continue;
+        }
         if (!m_platform.keyboard->postCopyShortcut()) {
             return std::nullopt;
         }
@@ -142,19 +170,20 @@ std::optional<QString> SelectionReader::copySelectionAndRestoreClipboard()
     const std::optional<QString> text = trimmedText(clipboard.clipboardText());
     // Whoever wrote after our copy wins: their content is newer than the snapshot.
     if (clipboard.clipboardChangeCount() == afterCopy) {
-        clipboard.restoreClipboard(snapshot);
+        clipboard.restoreClipboard(*snapshot);
     }
     return text;
 }
 
 bool SelectionReader::waitForModifiersToClear(std::chrono::milliseconds timeout)
 {
-    return waitUntil([this] { return !m_platform.keyboard->modifiersHeld(); }, timeout);
+    return waitUntil([this] { return !m_platform.keyboard->keysHeld(); }, timeout);
 }
 
 bool SelectionReader::waitForClipboardChange(std::uint64_t since, std::chrono::milliseconds timeout)
 {
-    return waitUntil([this, since] { return m_platform.clipboard->clipboardChangeCount() != since; }, timeout);
+    return waitUntil([this, since] { return m_platform.clipboard->clipboardChangeCount() != since; },
+                     timeout);
 }
 
 bool SelectionReader::waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
@@ -168,7 +197,8 @@ bool SelectionReader::waitUntil(const std::function<bool()>& condition, std::chr
         QEventLoop slice;
         const auto remaining =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline.remainingTimeAsDuration());
-        QTimer::singleShot(std::min<std::chrono::milliseconds>(waitSlice, remaining), &slice, &QEventLoop::quit);
+        QTimer::singleShot(std::min<std::chrono::milliseconds>(waitSlice, remaining), &slice,
+                           &QEventLoop::quit);
         slice.exec();
     }
     return condition();

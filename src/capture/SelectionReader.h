@@ -26,12 +26,15 @@ public:
     SelectionResult clipboardText();
 
     bool isReading() const { return m_isReading; }
+    // At quit: a clipboard we restored lives only as long as this process, so a clipboard manager gets it.
+    bool handOffClipboard();
 
 private:
     enum class Walk { read, peek };
     std::optional<SelectionResult> readAccessible(Walk walk, std::optional<qint64> process,
                                                   std::optional<std::chrono::milliseconds> timeout);
     std::optional<QString> copySelectionAndRestoreClipboard();
+    // Every key up, the hot key's own included.
     bool waitForModifiersToClear(std::chrono::milliseconds timeout);
     bool waitForClipboardChange(std::uint64_t since, std::chrono::milliseconds timeout);
     static bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);

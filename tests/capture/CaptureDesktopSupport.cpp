@@ -52,10 +52,24 @@ TestClient::TestClient(const QStringList& arguments, bool accessible)
                      arguments + (accessible ? QStringList{"--accessible"} : QStringList()), {})
 {}
 
-QString TestClient::readyLine()
+QString BackgroundTool::readyLine()
 {
     spinUntil([this] { return m_process.canReadLine() || m_process.state() == QProcess::NotRunning; }, 10000);
     return m_process.canReadLine() ? QString::fromUtf8(m_process.readLine()).trimmed() : QString();
+}
+
+QStringList BackgroundTool::printedLines()
+{
+    QStringList lines;
+    while (m_process.canReadLine()) {
+        lines.append(QString::fromUtf8(m_process.readLine()).trimmed());
+    }
+    return lines;
+}
+
+bool BackgroundTool::finished(int timeoutMs)
+{
+    return spinUntil([this] { return m_process.state() == QProcess::NotRunning; }, timeoutMs);
 }
 
 } // namespace velnora::test

@@ -17,12 +17,24 @@ void spinFor(int milliseconds);
 std::optional<QByteArray> runTool(const QString& program, const QStringList& arguments,
                                   const QByteArray& input = {});
 
-// A tool that keeps running, like "xclip -quiet", killed when the object goes.
+// A program that keeps running, like "xclip -quiet" or a GTK window, killed when the object goes.
 class BackgroundTool
 {
 public:
-    BackgroundTool(const QString& program, const QStringList& arguments, const QByteArray& input);
+    BackgroundTool(const QString& program, const QStringList& arguments, const QByteArray& input = {});
     ~BackgroundTool();
+
+    // The next line the program prints, once it did; empty after 10 s.
+    QString readyLine();
+    // Every line printed since the last call.
+    QStringList printedLines();
+    bool finished(int timeoutMs);
+    // Ended by returning from main with status 0, not by a signal.
+    bool exitedCleanly() const
+    {
+        return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
+    }
+    qint64 processId() const { return m_process.processId(); }
 
 protected:
     QProcess m_process;
@@ -33,9 +45,6 @@ class TestClient : public BackgroundTool
 {
 public:
     explicit TestClient(const QStringList& arguments, bool accessible = false);
-    // The first line the client printed, once it did; empty after 10 s.
-    QString readyLine();
-    qint64 processId() const { return m_process.processId(); }
 };
 
 } // namespace velnora::test

@@ -2,9 +2,10 @@
 // frame, logical) and runs until killed. --accessible (or QT_LINUX_ACCESSIBILITY_ALWAYS_ON): it answers over
 // AT-SPI.
 //   fields [--focus password]   A focused text field with a selection, or the password field beside it.
-//   copy [--class NAME] [--replace] [--blank]  Holds CLIPBOARD (text, HTML and PNG) and answers Ctrl+C
-//                               (Ctrl+Shift+C) by copying; --blank copies only white space. --replace:
+//   copy [--class NAME] [--replace] [--blank] [--stall]  Holds CLIPBOARD (text, HTML and PNG) and answers
+//                               Ctrl+C (Ctrl+Shift+C) by copying; --blank copies only white space. --replace:
 //                               xclip takes CLIPBOARD with newer text while the copied text is served.
+//                               --stall: the PNG takes 4 s to come, longer than anyone waits for it.
 #include "CaptureTestData.h"
 
 #include <QApplication>
@@ -69,6 +70,19 @@ private:
     mutable bool m_replace;
 };
 
+// Serves its image only after a delay, as an owner busy encoding a huge picture would.
+class StalledImage : public QMimeData
+{
+protected:
+    QVariant retrieveData(const QString& format, QMetaType type) const override
+    {
+        if (format == QStringLiteral("image/png")) {
+            QThread::msleep(4000);
+        }
+        return QMimeData::retrieveData(format, type);
+    }
+};
+
 class Window : public QWidget
 {
 public:
@@ -116,7 +130,7 @@ int main(int argc, char** argv)
         window.replace = arguments.contains(QStringLiteral("--replace"));
         window.blank = arguments.contains(QStringLiteral("--blank"));
         window.setFocusPolicy(Qt::StrongFocus);
-        auto* earlier = new QMimeData;
+        auto* earlier = arguments.contains(QStringLiteral("--stall")) ? new StalledImage : new QMimeData;
         earlier->setText(QString::fromUtf8(CaptureTestData::earlierText));
         earlier->setHtml(QString::fromUtf8(CaptureTestData::earlierHtml));
         earlier->setData(QStringLiteral("image/png"), CaptureTestData::earlierImage());
@@ -128,23 +142,22 @@ int main(int argc, char** argv)
     window.setGeometry(200, 150, 700, 80);
     window.show();
 
-    // Without a window manager the focus is ours to take; keep at it until the server agrees.
+    // Without a window manager the focus is ours to take: asked for until the server agrees, then left
+    // alone, as a real program would.
     QTimer poll;
-    bool announced = false;
     QObject::connect(&poll, &QTimer::timeout, [&] {
         if (QApplication::focusWidget() != target || !window.isActiveWindow()) {
             window.activateWindow();
             target->setFocus();
             return;
         }
+        poll.stop();
         if (target == text) {
             text->setSelection(CaptureTestData::selectionStart, CaptureTestData::selectionLength);
         }
-        if (!std::exchange(announced, true)) {
-            const QRect frame = window.frameGeometry();
-            std::printf("ready %d %d %d %d\n", frame.x(), frame.y(), frame.width(), frame.height());
-            std::fflush(stdout);
-        }
+        const QRect frame = window.frameGeometry();
+        std::printf("ready %d %d %d %d\n", frame.x(), frame.y(), frame.width(), frame.height());
+        std::fflush(stdout);
     });
     poll.start(50);
     return app.exec();

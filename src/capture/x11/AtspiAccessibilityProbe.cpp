@@ -1,9 +1,10 @@
 #include "capture/x11/AtspiAccessibilityProbe.h"
 
+#include "config/SessionBus.h"
+
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QFileInfo>
-
+#include <algorithm>
 #include <atspi/atspi.h>
 
 namespace velnora {
@@ -245,7 +246,8 @@ public:
             return std::nullopt;
         }
         GError* error = nullptr;
-        AtspiRect* rect = atspi_text_get_range_extents(m_text, m_start, m_end, ATSPI_COORD_TYPE_SCREEN, &error);
+        AtspiRect* rect =
+            atspi_text_get_range_extents(m_text, m_start, m_end, ATSPI_COORD_TYPE_SCREEN, &error);
         clear(error);
         if (!rect) {
             return std::nullopt;
@@ -280,16 +282,12 @@ private:
 
 AtspiAccessibilityProbe::AtspiAccessibilityProbe(std::function<std::optional<qint64>()> focusedProcess)
     : m_focusedProcess(std::move(focusedProcess))
-{
-}
+{}
 
 bool AtspiAccessibilityProbe::isAvailable()
 {
     static const bool available = [] {
-        // Without a session bus libdbus would autolaunch a stray one.
-        const QByteArray runtime = qgetenv("XDG_RUNTIME_DIR");
-        if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS") &&
-            (runtime.isEmpty() || !QFileInfo::exists(QString::fromLocal8Bit(runtime) + QStringLiteral("/bus")))) {
+        if (!SessionBus::isConfigured()) {
             return false;
         }
         // 2 means no accessibility bus; any later libatspi call would then abort the process.
@@ -349,6 +347,18 @@ AtspiAccessibilityProbe::focusedElements(std::optional<qint64> preferredProcess,
         add(focusedInProcess(*focused));
     }
     return elements;
+}
+
+bool AtspiAccessibilityProbe::focusedApplicationIsAccessible()
+{
+    const std::optional<qint64> focused = m_focusedProcess ? m_focusedProcess() : std::nullopt;
+    if (!focused || !isAvailable()) {
+        return false;
+    }
+    atspi_set_timeout(int(defaultCallTimeout.count()), int(defaultCallTimeout.count()));
+    const std::vector<Application> apps = applications();
+    return std::any_of(apps.cbegin(), apps.cend(),
+                       [&](const Application& app) { return app.processId == focused; });
 }
 
 } // namespace velnora

@@ -15,7 +15,9 @@ public:
     explicit AtspiAccessibilityProbe(std::function<std::optional<qint64>()> focusedProcess);
 
     std::vector<std::unique_ptr<AccessibleElement>>
-    focusedElements(std::optional<qint64> preferredProcess, std::optional<std::chrono::milliseconds> timeout) override;
+    focusedElements(std::optional<qint64> preferredProcess,
+                    std::optional<std::chrono::milliseconds> timeout) override;
+    bool focusedApplicationIsAccessible() override;
 
     // The accessibility bus answers; without it no application can be asked.
     static bool isAvailable();

@@ -3,10 +3,8 @@
 #include "capture/x11/X11Connection.h"
 
 #include <QSet>
-
 #include <cstdlib>
 #include <cstring>
-
 #include <xcb/xfixes.h>
 
 namespace velnora {
@@ -16,22 +14,23 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto textReadTimeout = 1000ms;
-constexpr auto formatReadTimeout = 1000ms;
-constexpr auto snapshotTimeout = 2000ms;
+// Owners like GTK encode a large image anew for every format asked; measured about 0.5 s for 1 MB.
+constexpr auto snapshotTimeout = 3000ms;
+// Some managers (xfce4-clipman) keep a copy of their own and never answer: quitting must not hang on them.
+constexpr auto handOffTimeout = 2000ms;
 constexpr qsizetype snapshotByteLimit = 64 * 1024 * 1024;
 
 // Protocol targets that describe the selection rather than hold content; saving them would
 // advertise them twice after a restore.
 const QSet<QByteArray>& protocolTargets()
 {
-    static const QSet<QByteArray> targets{"TARGETS",        "MULTIPLE",         "TIMESTAMP",
-                                          "SAVE_TARGETS",   "DELETE",           "INSERT_SELECTION",
+    static const QSet<QByteArray> targets{"TARGETS",         "MULTIPLE",         "TIMESTAMP",
+                                          "SAVE_TARGETS",    "DELETE",           "INSERT_SELECTION",
                                           "INSERT_PROPERTY", "_GTK_SAVE_TARGETS"};
     return targets;
 }
 
-template <typename T>
-std::unique_ptr<T, decltype(&std::free)> reply(T* raw)
+template <typename T> std::unique_ptr<T, decltype(&std::free)> reply(T* raw)
 {
     return {raw, &std::free};
 }
@@ -48,6 +47,7 @@ X11Clipboard::X11Clipboard(std::shared_ptr<X11Connection> connection) : m_x(std:
     m_clipboard = m_x->atom("CLIPBOARD");
     m_transfer = m_x->atom("VELNORA_SELECTION");
     m_stamp = m_x->atom("VELNORA_TIMESTAMP");
+    m_owner.emplace(*m_x, m_window, m_clipboard);
 
     const xcb_query_extension_reply_t* xfixes = xcb_get_extension_data(c, &xcb_xfixes_id);
     if (xfixes && xfixes->present) {
@@ -107,7 +107,7 @@ std::optional<QString> X11Clipboard::selectionText(xcb_atom_t selection)
         if (deadline.hasExpired()) {
             break;
         }
-        if (auto converted = convert(selection, m_x->atom(target), deadline)) {
+        if (auto converted = convert(selection, m_x->atom(target), deadline).converted) {
             if (std::strcmp(target, "STRING") == 0) {
                 return QString::fromLatin1(converted->data);
             }
@@ -117,26 +117,30 @@ std::optional<QString> X11Clipboard::selectionText(xcb_atom_t selection)
     return std::nullopt;
 }
 
-ClipboardSnapshot X11Clipboard::snapshotClipboard()
+std::optional<ClipboardSnapshot> X11Clipboard::snapshotClipboard()
 {
     m_x->dispatchPending();
-    if (m_owned) {
-        return *m_owned;
+    if (m_owner->owns()) {
+        return *m_owner->content();
     }
     ClipboardSnapshot snapshot;
     if (selectionOwner(m_clipboard) == XCB_NONE) {
         return snapshot;
     }
     const QDeadlineTimer deadline(snapshotTimeout);
-    auto targets = convert(m_clipboard, m_x->atom("TARGETS"), deadline);
-    if (!targets || targets->format != 32) {
-        return snapshot;
+    const Conversion targets = convert(m_clipboard, m_x->atom("TARGETS"), deadline);
+    if (targets.refused || (targets.converted && targets.converted->format != 32)) {
+        return snapshot; // an owner without a format list offers nothing we could save
     }
-    const auto* atoms = reinterpret_cast<const xcb_atom_t*>(targets->data.constData());
-    const qsizetype count = targets->data.size() / qsizetype(sizeof(xcb_atom_t));
+    if (!targets.converted) {
+        return std::nullopt;
+    }
+    const QByteArray& list = targets.converted->data;
+    const auto* atoms = reinterpret_cast<const xcb_atom_t*>(list.constData());
+    const qsizetype count = list.size() / qsizetype(sizeof(xcb_atom_t));
     QSet<xcb_atom_t> seen;
     qsizetype total = 0;
-    for (qsizetype i = 0; i < count && !deadline.hasExpired(); ++i) {
+    for (qsizetype i = 0; i < count; ++i) {
         const xcb_atom_t target = atoms[i];
         if (target == XCB_ATOM_NONE || seen.contains(target)) {
             continue;
@@ -146,36 +150,49 @@ ClipboardSnapshot X11Clipboard::snapshotClipboard()
         if (name.isEmpty() || protocolTargets().contains(name)) {
             continue;
         }
-        QDeadlineTimer formatDeadline(formatReadTimeout);
-        if (formatDeadline.deadline() > deadline.deadline()) {
-            formatDeadline = deadline;
+        const Conversion format = convert(m_clipboard, target, deadline);
+        if (format.refused) {
+            continue; // what the owner will not give is not lost by leaving it out
         }
-        auto converted = convert(m_clipboard, target, formatDeadline);
-        if (!converted || total + converted->data.size() > snapshotByteLimit) {
-            continue; // unreadable formats are skipped, like the owner never offered them
+        if (!format.converted || total + format.converted->data.size() > snapshotByteLimit) {
+            return std::nullopt;
         }
-        total += converted->data.size();
-        snapshot.entries.push_back({name, m_x->atomName(converted->type), converted->format, converted->data});
+        total += format.converted->data.size();
+        snapshot.entries.push_back(
+            {name, m_x->atomName(format.converted->type), format.converted->format, format.converted->data});
     }
     return snapshot;
 }
 
 void X11Clipboard::restoreClipboard(const ClipboardSnapshot& snapshot)
 {
-    xcb_connection_t* c = m_x->raw();
     if (snapshot.isEmpty()) {
-        m_owned.reset();
-        xcb_set_selection_owner(c, XCB_NONE, m_clipboard, XCB_CURRENT_TIME);
+        m_owner->forget();
+        xcb_set_selection_owner(m_x->raw(), XCB_NONE, m_clipboard, XCB_CURRENT_TIME);
         m_x->sync();
         return;
     }
-    m_owned = snapshot;
-    m_ownedSince = serverTime();
-    xcb_set_selection_owner(c, m_window, m_clipboard, m_ownedSince);
-    if (selectionOwner(m_clipboard) != m_window) {
-        m_owned.reset();
-    }
+    m_owner->own(snapshot, serverTime());
     m_x->dispatchPending();
+}
+
+bool X11Clipboard::handOffToClipboardManager()
+{
+    const xcb_atom_t manager = m_x->atom("CLIPBOARD_MANAGER");
+    const xcb_atom_t saveTargets = m_x->atom("SAVE_TARGETS");
+    if (!m_owner->owns() || selectionOwner(manager) == XCB_NONE) {
+        return false;
+    }
+    // The manager asks us for every format while we wait, then answers the request.
+    m_notify.reset();
+    xcb_convert_selection(m_x->raw(), m_window, manager, saveTargets, m_transfer, XCB_CURRENT_TIME);
+    xcb_flush(m_x->raw());
+    const bool answered = m_x->waitFor(
+        [&] { return m_notify && m_notify->selection == manager && m_notify->target == saveTargets; },
+        QDeadlineTimer(handOffTimeout));
+    const bool saved = answered && m_notify->property != XCB_NONE;
+    m_notify.reset();
+    return saved;
 }
 
 xcb_window_t X11Clipboard::selectionOwner(xcb_atom_t selection)
@@ -195,29 +212,29 @@ xcb_timestamp_t X11Clipboard::serverTime()
     return m_stampTime.value_or(XCB_CURRENT_TIME);
 }
 
-std::optional<X11Clipboard::Converted> X11Clipboard::convert(xcb_atom_t selection, xcb_atom_t target,
-                                                              QDeadlineTimer deadline)
+X11Clipboard::Conversion X11Clipboard::convert(xcb_atom_t selection, xcb_atom_t target,
+                                               QDeadlineTimer deadline)
 {
     if (target == XCB_ATOM_NONE) {
-        return std::nullopt;
+        return {std::nullopt, true};
     }
     // Asking ourselves through the server would wait on our own answer.
-    if (m_owned && selection == m_clipboard && selectionOwner(selection) == m_window) {
+    if (selection == m_clipboard && m_owner->owns()) {
         const QByteArray name = m_x->atomName(target);
-        for (const auto& entry : m_owned->entries) {
+        for (const auto& entry : m_owner->content()->entries) {
             if (entry.target == name) {
-                return Converted{m_x->atom(entry.type), entry.format, entry.data};
+                return {Converted{m_x->atom(entry.type), entry.format, entry.data}};
             }
         }
         if (name == "TARGETS") {
             QByteArray list;
-            for (const auto& entry : m_owned->entries) {
+            for (const auto& entry : m_owner->content()->entries) {
                 const xcb_atom_t a = m_x->atom(entry.target);
                 list.append(reinterpret_cast<const char*>(&a), sizeof a);
             }
-            return Converted{XCB_ATOM_ATOM, 32, list};
+            return {Converted{XCB_ATOM_ATOM, 32, list}};
         }
-        return std::nullopt;
+        return {std::nullopt, true};
     }
 
     xcb_connection_t* c = m_x->raw();
@@ -227,25 +244,38 @@ std::optional<X11Clipboard::Converted> X11Clipboard::convert(xcb_atom_t selectio
     xcb_flush(c);
     const bool answered = m_x->waitFor(
         [&] { return m_notify && m_notify->selection == selection && m_notify->target == target; }, deadline);
-    if (!answered || m_notify->property == XCB_NONE) {
+    if (!answered) {
         m_notify.reset();
-        return std::nullopt;
+        return {};
     }
+    const bool refused = m_notify->property == XCB_NONE;
     m_notify.reset();
-
-    bool incremental = false;
-    m_transferUpdates = 0;
-    auto first = readProperty(&incremental);
-    if (!first || !incremental) {
-        return first;
+    if (refused) {
+        return {std::nullopt, true};
     }
-    // INCR: the owner writes chunks one by one, each after we delete the previous; an empty one ends it.
+    bool incremental = false;
+    const int updatesBefore = m_transferUpdates;
+    auto first = readProperty(&incremental);
+    if (!first) {
+        return {std::nullopt, true};
+    }
+    if (!incremental) {
+        return {first};
+    }
+    return {readIncrementally(updatesBefore, deadline)};
+}
+
+std::optional<X11Clipboard::Converted> X11Clipboard::readIncrementally(int seen, QDeadlineTimer deadline)
+{
+    // The owner writes chunk after chunk, each once we delete the previous; an empty one ends it. The
+    // count is taken before each read that deletes, so a chunk announced during that read still wakes us.
     Converted whole;
     for (;;) {
-        const int seen = m_transferUpdates;
         if (!m_x->waitFor([&] { return m_transferUpdates > seen; }, deadline)) {
+            xcb_delete_property(m_x->raw(), m_window, m_transfer);
             return std::nullopt;
         }
+        seen = m_transferUpdates;
         auto chunk = readProperty(nullptr);
         if (!chunk) {
             continue;
@@ -257,6 +287,7 @@ std::optional<X11Clipboard::Converted> X11Clipboard::convert(xcb_atom_t selectio
         whole.format = chunk->format;
         whole.data += chunk->data;
         if (whole.data.size() > snapshotByteLimit) {
+            xcb_delete_property(m_x->raw(), m_window, m_transfer);
             return std::nullopt;
         }
     }
@@ -304,9 +335,8 @@ void X11Clipboard::handleEvent(const xcb_generic_event_t& event)
     case XCB_PROPERTY_NOTIFY: {
         const auto& notify = reinterpret_cast<const xcb_property_notify_event_t&>(event);
         if (notify.window != m_window) {
-            break;
-        }
-        if (notify.atom == m_transfer && notify.state == XCB_PROPERTY_NEW_VALUE) {
+            m_owner->handleEvent(event);
+        } else if (notify.atom == m_transfer && notify.state == XCB_PROPERTY_NEW_VALUE) {
             ++m_transferUpdates;
         } else if (notify.atom == m_stamp) {
             m_stampTime = notify.time;
@@ -314,67 +344,12 @@ void X11Clipboard::handleEvent(const xcb_generic_event_t& event)
         break;
     }
     case XCB_SELECTION_REQUEST:
-        serve(reinterpret_cast<const xcb_selection_request_event_t&>(event));
-        break;
     case XCB_SELECTION_CLEAR:
-        if (reinterpret_cast<const xcb_selection_clear_event_t&>(event).selection == m_clipboard) {
-            m_owned.reset();
-        }
+        m_owner->handleEvent(event);
         break;
     default:
         break;
     }
-}
-
-void X11Clipboard::serve(const xcb_selection_request_event_t& request)
-{
-    xcb_connection_t* c = m_x->raw();
-    // Obsolete clients leave the property empty and expect the target's name to be used.
-    const xcb_atom_t property = request.property != XCB_NONE ? request.property : request.target;
-    xcb_atom_t answered = XCB_NONE;
-    const bool current = m_owned && request.selection == m_clipboard &&
-                         (request.time == XCB_CURRENT_TIME || m_ownedSince == XCB_CURRENT_TIME ||
-                          request.time >= m_ownedSince);
-    if (current) {
-        const QByteArray target = m_x->atomName(request.target);
-        const std::uint32_t maxBytes = xcb_get_maximum_request_length(c) * 4u - 64u;
-        if (target == "TARGETS") {
-            std::vector<xcb_atom_t> atoms{m_x->atom("TARGETS"), m_x->atom("TIMESTAMP")};
-            for (const auto& entry : m_owned->entries) {
-                atoms.push_back(m_x->atom(entry.target));
-            }
-            xcb_change_property(c, XCB_PROP_MODE_REPLACE, request.requestor, property, XCB_ATOM_ATOM, 32,
-                                std::uint32_t(atoms.size()), atoms.data());
-            answered = property;
-        } else if (target == "TIMESTAMP") {
-            xcb_change_property(c, XCB_PROP_MODE_REPLACE, request.requestor, property, XCB_ATOM_INTEGER, 32, 1,
-                                &m_ownedSince);
-            answered = property;
-        } else {
-            for (const auto& entry : m_owned->entries) {
-                if (entry.target != target || std::uint32_t(entry.data.size()) > maxBytes) {
-                    continue;
-                }
-                const int unit = entry.format / 8;
-                xcb_change_property(c, XCB_PROP_MODE_REPLACE, request.requestor, property, m_x->atom(entry.type),
-                                    std::uint8_t(entry.format), std::uint32_t(entry.data.size() / unit),
-                                    entry.data.constData());
-                answered = property;
-                break;
-            }
-        }
-    }
-    xcb_selection_notify_event_t notify{};
-    notify.response_type = XCB_SELECTION_NOTIFY;
-    notify.time = request.time;
-    notify.requestor = request.requestor;
-    notify.selection = request.selection;
-    notify.target = request.target;
-    notify.property = answered;
-    char wire[32] = {};
-    std::memcpy(wire, &notify, sizeof notify);
-    xcb_send_event(c, 0, request.requestor, XCB_EVENT_MASK_NO_EVENT, wire);
-    xcb_flush(c);
 }
 
 } // namespace velnora

@@ -1,11 +1,10 @@
 #pragma once
 
 #include "capture/ClipboardAccess.h"
+#include "capture/x11/X11SelectionOwner.h"
 
 #include <QDeadlineTimer>
-
 #include <memory>
-
 #include <xcb/xcb.h>
 
 namespace velnora {
@@ -14,7 +13,7 @@ class X11Connection;
 
 // PRIMARY and CLIPBOARD through the selection protocol. Owner changes of CLIPBOARD are counted from
 // XFixes notifications; a restored snapshot is served from this client, byte for byte, until someone
-// else takes the CLIPBOARD.
+// else takes the CLIPBOARD. Large formats are read incrementally (INCR).
 class X11Clipboard : public ClipboardAccess
 {
 public:
@@ -23,8 +22,9 @@ public:
 
     std::optional<QString> primaryText() override;
     std::optional<QString> clipboardText() override;
-    ClipboardSnapshot snapshotClipboard() override;
+    std::optional<ClipboardSnapshot> snapshotClipboard() override;
     void restoreClipboard(const ClipboardSnapshot& snapshot) override;
+    bool handOffToClipboardManager() override;
     std::uint64_t clipboardChangeCount() override;
 
 private:
@@ -34,13 +34,19 @@ private:
         int format = 8;
         QByteArray data;
     };
-    std::optional<Converted> convert(xcb_atom_t selection, xcb_atom_t target, QDeadlineTimer deadline);
+    // What a conversion ended with: data, an owner that refused the target, or no whole answer in time.
+    struct Conversion
+    {
+        std::optional<Converted> converted;
+        bool refused = false;
+    };
+    Conversion convert(xcb_atom_t selection, xcb_atom_t target, QDeadlineTimer deadline);
+    std::optional<Converted> readIncrementally(int seen, QDeadlineTimer deadline);
     std::optional<Converted> readProperty(bool* incremental);
     std::optional<QString> selectionText(xcb_atom_t selection);
     xcb_window_t selectionOwner(xcb_atom_t selection);
     xcb_timestamp_t serverTime();
     void handleEvent(const xcb_generic_event_t& event);
-    void serve(const xcb_selection_request_event_t& request);
 
     std::shared_ptr<X11Connection> m_x;
     xcb_window_t m_window = XCB_NONE;
@@ -52,8 +58,7 @@ private:
     std::uint64_t m_changes = 0;
     xcb_window_t m_lastOwner = XCB_NONE;
 
-    std::optional<ClipboardSnapshot> m_owned;
-    xcb_timestamp_t m_ownedSince = XCB_CURRENT_TIME;
+    std::optional<X11SelectionOwner> m_owner;
 
     // The conversion in flight.
     std::optional<xcb_selection_notify_event_t> m_notify;

@@ -2,9 +2,8 @@
 
 #include "capture/x11/X11Connection.h"
 
-#include <cstdlib>
-
 #include <X11/keysym.h>
+#include <cstdlib>
 
 namespace velnora {
 
@@ -25,15 +24,28 @@ xcb_keysym_t keysymFor(Qt::Key key)
 
 X11HotKeyBackend::X11HotKeyBackend(std::unique_ptr<X11Connection> connection) : m_x(std::move(connection))
 {
-    m_x->setEventHandler([this](const xcb_generic_event_t& event) {
-        if ((event.response_type & 0x7f) != XCB_KEY_PRESS) {
-            return;
-        }
-        const auto& press = reinterpret_cast<const xcb_key_press_event_t&>(event);
-        if (press.detail == m_keycode && !m_grabbed.empty() && m_onPressed) {
-            m_onPressed();
-        }
-    });
+    m_x->setEventHandler([this](const xcb_generic_event_t& event) { handleKey(event); });
+}
+
+void X11HotKeyBackend::handleKey(const xcb_generic_event_t& event)
+{
+    const std::uint8_t type = event.response_type & 0x7f;
+    if (type != XCB_KEY_PRESS && type != XCB_KEY_RELEASE) {
+        return;
+    }
+    const auto& key = reinterpret_cast<const xcb_key_press_event_t&>(event);
+    if (key.detail != m_keycode) {
+        return;
+    }
+    if (type == XCB_KEY_RELEASE) {
+        m_lastRelease = key.time;
+        return;
+    }
+    // A held key repeats as release and press with one timestamp: only the first press counts.
+    if (key.time == m_lastRelease || m_grabbed.empty() || !m_onPressed) {
+        return;
+    }
+    m_onPressed();
 }
 
 X11HotKeyBackend::~X11HotKeyBackend()
@@ -70,8 +82,9 @@ bool X11HotKeyBackend::grab(Qt::KeyboardModifiers modifiers, Qt::Key key, std::f
     for (std::uint16_t locks : {std::uint16_t(0), std::uint16_t(XCB_MOD_MASK_LOCK), numLock,
                                 std::uint16_t(XCB_MOD_MASK_LOCK | numLock)}) {
         const std::uint16_t mask = base | locks;
-        xcb_generic_error_t* error = xcb_request_check(
-            c, xcb_grab_key_checked(c, 1, m_x->root(), mask, m_keycode, XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
+        xcb_generic_error_t* error =
+            xcb_request_check(c, xcb_grab_key_checked(c, 1, m_x->root(), mask, m_keycode, XCB_GRAB_MODE_ASYNC,
+                                                      XCB_GRAB_MODE_ASYNC));
         if (error) {
             // BadAccess: another client holds this combination. Either way, hold none of it.
             std::free(error);

@@ -4,7 +4,6 @@
 
 #include <memory>
 #include <vector>
-
 #include <xcb/xcb.h>
 
 namespace velnora {
@@ -24,10 +23,13 @@ public:
     void release() override;
 
 private:
+    void handleKey(const xcb_generic_event_t& event);
+
     std::unique_ptr<X11Connection> m_x;
     xcb_keycode_t m_keycode = 0;
     std::vector<std::uint16_t> m_grabbed;
     std::function<void()> m_onPressed;
+    xcb_timestamp_t m_lastRelease = 0;
 };
 
 } // namespace velnora

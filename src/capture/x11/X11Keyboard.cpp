@@ -4,11 +4,9 @@
 #include "capture/x11/X11Connection.h"
 
 #include <QThread>
-
+#include <X11/keysym.h>
 #include <cstdlib>
 #include <vector>
-
-#include <X11/keysym.h>
 #include <xcb/xtest.h>
 
 namespace velnora {
@@ -25,19 +23,20 @@ X11Keyboard::X11Keyboard(std::shared_ptr<X11Connection> connection) : m_x(std::m
     m_hasXTest = xtest && xtest->present;
 }
 
-bool X11Keyboard::modifiersHeld()
+bool X11Keyboard::keysHeld()
 {
     xcb_connection_t* c = m_x->raw();
-    xcb_query_pointer_reply_t* pointer = xcb_query_pointer_reply(c, xcb_query_pointer(c, m_x->root()), nullptr);
-    if (!pointer) {
+    xcb_query_keymap_reply_t* keymap = xcb_query_keymap_reply(c, xcb_query_keymap(c), nullptr);
+    if (!keymap) {
         return false;
     }
-    const std::uint16_t held = pointer->mask;
-    std::free(pointer);
-    const std::uint16_t alt = m_x->modifierMaskFor(XK_Alt_L, XCB_MOD_MASK_1);
-    const std::uint16_t super = m_x->modifierMaskFor(XK_Super_L, XCB_MOD_MASK_4);
+    bool held = false;
+    for (const std::uint8_t bits : keymap->keys) {
+        held = held || bits != 0;
+    }
+    std::free(keymap);
     m_x->dispatchPending();
-    return (held & (XCB_MOD_MASK_SHIFT | XCB_MOD_MASK_CONTROL | alt | super)) != 0;
+    return held;
 }
 
 bool X11Keyboard::postCopyShortcut()

@@ -8,13 +8,13 @@ namespace velnora {
 
 class X11Connection;
 
-// XTest key events and the core keyboard's modifier state.
+// XTest key events and the keyboard's key state.
 class X11Keyboard : public KeyStrokeInjector
 {
 public:
     explicit X11Keyboard(std::shared_ptr<X11Connection> connection);
 
-    bool modifiersHeld() override;
+    bool keysHeld() override;
     bool postCopyShortcut() override;
 
 private:
