@@ -1,5 +1,6 @@
 #pragma once
 
+#include "bridge/BrowserFamily.h"
 #include "bridge/ChromeExtensionInstall.h"
 
 #include <QString>
@@ -21,7 +22,8 @@ struct BridgeDiagnosis
 
     Kind kind = Kind::manifestMissing;
     QString path; // manifestPathBroken: where the manifest points; sandboxedBrowser: its name
-    ChromeExtensionInstall install; // extensionSilent: what the profile files say
+    ChromeExtensionInstall install;                 // extensionSilent: what the profile files say
+    BrowserFamily family = BrowserFamily::chromium; // which browser the sentences name
 
     static BridgeDiagnosis manifestPathBroken(QString path)
     {
@@ -39,6 +41,13 @@ struct BridgeDiagnosis
     static BridgeDiagnosis sandboxedBrowser(QString browserTitle)
     {
         return {Kind::sandboxedBrowser, std::move(browserTitle), {}};
+    }
+
+    BridgeDiagnosis inFirefox() const
+    {
+        BridgeDiagnosis copy = *this;
+        copy.family = BrowserFamily::firefox;
+        return copy;
     }
 
     QString statusText() const;
