@@ -42,7 +42,8 @@ function connect() {
   port = candidate;
   candidate.onMessage.addListener((message) => onHostMessage(message));
   candidate.onDisconnect.addListener(() => {
-    const reason = chrome.runtime.lastError?.message ?? '';
+    // Firefox says why on the port, Chrome in lastError.
+    const reason = candidate.error?.message ?? chrome.runtime.lastError?.message ?? '';
     if (port === candidate) {
       port = null;
     }

@@ -16,6 +16,7 @@ session_packages=(
   xvfb xauth dbus dbus-x11 at-spi2-core gnome-keyring gcr libsecret-tools
   xdotool xclip x11-utils imagemagick fonts-wqy-microhei fonts-noto-cjk trayer
   chromium nodejs npm
+  firefox-esr
   openssl
   lintian desktop-file-utils
 )
