@@ -30,7 +30,7 @@ QString firefoxAdvice(const BridgeDiagnosis& diagnosis, const QString& chromeAdv
             "再启用一次。");
     }
     QString advice = chromeAdvice;
-    return advice.replace(QStringLiteral("Chrome"), QStringLiteral("Firefox"));
+    return advice.replace(QStringLiteral("Chrome"), diagnosis.browserName());
 }
 
 } // namespace
@@ -39,7 +39,7 @@ QString BridgeDiagnosis::statusText() const
 {
     if (family == BrowserFamily::firefox) {
         QString text = BridgeDiagnosis{kind, path, install}.statusText();
-        return text.replace(QStringLiteral("Chrome"), QStringLiteral("Firefox"));
+        return text.replace(QStringLiteral("Chrome"), browserName());
     }
     switch (kind) {
     case Kind::connected:

@@ -50,6 +50,11 @@ struct BridgeDiagnosis
         return copy;
     }
 
+    // "Chrome" or "Firefox", as the sentences name the browser.
+    QString browserName() const
+    {
+        return family == BrowserFamily::firefox ? QStringLiteral("Firefox") : QStringLiteral("Chrome");
+    }
     QString statusText() const;
     QString advice() const;
     // The extension itself is missing or of the wrong edition: pointing at the bundled folder helps.
