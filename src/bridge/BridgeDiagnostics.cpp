@@ -111,9 +111,8 @@ bool isChromeRunning()
     return diagnosedBrowser().running;
 }
 
-QString manifestURL()
+QString manifestURL(const DiagnosedBrowser& browser)
 {
-    const DiagnosedBrowser browser = diagnosedBrowser();
     const QString folder = browser.firefox
                                ? FirefoxBrowser::nativeMessagingHostsDirectory(*browser.firefox)
                                : ChromiumBrowsers::nativeMessagingHostsDirectory(*browser.chromium);
@@ -171,13 +170,13 @@ BridgeDiagnosis diagnoseCurrent(bool bridgeActive)
     if (browser.firefox) {
         const QString gecko = ExplainerConstants::firefoxExtensionIdentifier();
         return diagnose(
-            false, manifestURL(), gecko, browser.running,
+            false, manifestURL(browser), gecko, browser.running,
             [&] { return FirefoxBrowser::inspect(gecko, browser.dataFolder); }, {}, BrowserFamily::firefox);
     }
     const QString identifier = ExplainerConstants::extensionIdentifier();
     const bool sandboxed = browser.chromium->sandbox != ChromiumBrowsers::Browser::Sandbox::none;
     return diagnose(
-        false, manifestURL(), identifier, browser.running,
+        false, manifestURL(browser), identifier, browser.running,
         [&] { return ChromeProfileProbe::inspectCached(3, identifier, browser.dataFolder); },
         sandboxed ? browser.chromium->title : QString());
 }

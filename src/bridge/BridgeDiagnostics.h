@@ -47,7 +47,7 @@ BridgeDiagnosis diagnose(bool bridgeActive, const QString& manifestURL, const QS
 // bridge is Firefox's when the last extension status came with the gecko ID.
 BridgeDiagnosis diagnoseCurrent(bool bridgeActive);
 
-// The diagnosed browser's manifest file.
-QString manifestURL();
+// That browser's manifest file.
+QString manifestURL(const DiagnosedBrowser& browser);
 
 } // namespace velnora::BridgeDiagnostics

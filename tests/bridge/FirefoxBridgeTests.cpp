@@ -18,14 +18,6 @@ using namespace velnora::test;
 
 namespace {
 
-std::pair<int, QStringList> bridgeStatus()
-{
-    QProcess process;
-    process.start(velnoraBinary(), {QStringLiteral("--bridge-status")});
-    const int exitCode = process.waitForFinished(20000) ? process.exitCode() : -1;
-    return {exitCode, QString::fromUtf8(process.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts)};
-}
-
 QByteArray extensionsJson(const QStringList& ids)
 {
     QJsonArray addons;
@@ -273,7 +265,7 @@ TEST(BridgeStatusMode, NamesFirefoxWhenItIsTheBrowserWithTheExtension)
                       QJsonDocument(QJsonObject{{"extensionID", row.statusExtension}, {"version", "2.11.1"}})
                           .toJson());
         }
-        const auto [exitCode, lines] = bridgeStatus();
+        const auto [exitCode, lines] = runMode(QStringLiteral("--bridge-status"));
         EXPECT_EQ(exitCode, row.exitCode);
         EXPECT_EQ(lines.mid(0, 2).join(u'\n').toStdString(), (row.status + u'\n' + row.advice).toStdString());
     }
