@@ -23,6 +23,11 @@ QString firefoxAdvice(const BridgeDiagnosis& diagnosis, const QString& chromeAdv
             "「安装扩展」查看安装方法：正式版 Firefox 请从澜镜官网安装签名版扩展；开发时可在 "
             "Firefox ESR 或开发者版中关闭签名要求后安装未签名版。");
     }
+    if (diagnosis.kind == Kind::sandboxedBrowser) {
+        return diagnosis.path +
+               QStringLiteral(" 运行在沙盒里，启动不了澜镜的连接程序。请改用软件源（deb 包）或 Snap "
+                              "安装的 Firefox，并在其中安装澜镜扩展。");
+    }
     if (diagnosis.kind == Kind::extensionSilent) {
         return QStringLiteral(
             "Firefox 在运行，但扩展的后台没连上。它自己每半分钟会重连一次，划词请求会排在队列里"

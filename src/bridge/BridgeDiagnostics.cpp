@@ -36,7 +36,7 @@ std::vector<DiagnosedBrowser> candidates()
             FirefoxBrowser::defaultProfile(FirefoxBrowser::profilesRoot(firefox));
         if (profile) {
             found.push_back({BrowserFamily::firefox, nullptr, &firefox, *profile,
-                             FirefoxBrowser::isRunning(*profile),
+                             FirefoxBrowser::isRunning(*profile, firefox.sandboxed),
                              FirefoxBrowser::inspect(gecko, *profile).kind});
         }
     }
@@ -171,7 +171,8 @@ BridgeDiagnosis diagnoseCurrent(bool bridgeActive)
         const QString gecko = ExplainerConstants::firefoxExtensionIdentifier();
         return diagnose(
             false, manifestURL(browser), gecko, browser.running,
-            [&] { return FirefoxBrowser::inspect(gecko, browser.dataFolder); }, {}, BrowserFamily::firefox);
+            [&] { return FirefoxBrowser::inspect(gecko, browser.dataFolder); },
+            browser.firefox->sandboxed ? browser.firefox->title : QString(), BrowserFamily::firefox);
     }
     const QString identifier = ExplainerConstants::extensionIdentifier();
     const bool sandboxed = browser.chromium->sandbox != ChromiumBrowsers::Browser::Sandbox::none;

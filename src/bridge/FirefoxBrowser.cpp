@@ -38,6 +38,9 @@ const std::vector<Installation>& all()
         {QStringLiteral("firefox-snap"), QStringLiteral("snap/firefox/common/.mozilla/firefox"),
          QStringLiteral("snap/firefox/common/.mozilla/native-messaging-hosts"),
          QStringLiteral("Snap 版 Firefox")},
+        {QStringLiteral("firefox-flatpak"), QStringLiteral(".var/app/org.mozilla.firefox/.mozilla/firefox"),
+         QStringLiteral(".var/app/org.mozilla.firefox/.mozilla/native-messaging-hosts"),
+         QStringLiteral("Flatpak 版 Firefox"), true},
     };
     return installations;
 }
@@ -120,8 +123,11 @@ ChromeExtensionInstall inspect(const QString& extensionIdentifier, const QString
     return ChromeExtensionInstall::absent();
 }
 
-bool isRunning(const QString& profileFolder)
+bool isRunning(const QString& profileFolder, bool sandboxed)
 {
+    if (sandboxed) {
+        return QFileInfo(QDir(profileFolder).filePath(QStringLiteral("lock"))).isSymLink();
+    }
     // "127.0.1.1:+4242"; a crash leaves the link behind, so only a live pid counts.
     const QString link =
         QFileInfo(QFile::symLinkTarget(QDir(profileFolder).filePath(QStringLiteral("lock")))).fileName();

@@ -13,14 +13,16 @@ namespace velnora::FirefoxBrowser {
 
 struct Installation
 {
-    QString id;           // "firefox", "firefox-xdg", "firefox-snap"
+    QString id;           // "firefox", "firefox-xdg", "firefox-snap", "firefox-flatpak"
     QString profilesRoot; // folder of profiles.ini, relative to $HOME
     QString hostsFolder;  // native-messaging-hosts, relative to $HOME
     QString title;        // what the user calls it
+    // Flatpak's Firefox cannot start a host outside its sandbox, and its pids are its own.
+    bool sandboxed = false;
 };
 
 // The classic ~/.mozilla, the XDG folder of newer releases (which still read host manifests from
-// ~/.mozilla), then the Snap build.
+// ~/.mozilla), the Snap build (which reaches hosts through the portal), then the Flatpak one.
 const std::vector<Installation>& all();
 
 QString profilesRoot(const Installation& installation);
@@ -39,8 +41,8 @@ std::optional<QString> defaultProfile(const QString& root);
 // unknown when the file cannot be read.
 ChromeExtensionInstall inspect(const QString& extensionIdentifier, const QString& profileFolder);
 
-// The profile's "lock" link ("<address>:+<pid>") names a live process.
-bool isRunning(const QString& profileFolder);
+// The profile's "lock" link ("<address>:+<pid>") names a live process; in a sandbox the link itself.
+bool isRunning(const QString& profileFolder, bool sandboxed = false);
 
 // firefox, firefox-esr or the Developer Edition, the first found on PATH.
 std::optional<QString> findProgram();

@@ -269,4 +269,17 @@ TEST(BridgeStatusMode, NamesFirefoxWhenItIsTheBrowserWithTheExtension)
         EXPECT_EQ(exitCode, row.exitCode);
         EXPECT_EQ(lines.mid(0, 2).join(u'\n').toStdString(), (row.status + u'\n' + row.advice).toStdString());
     }
+
+    // Flatpak's Firefox runs the extension but cannot start the host; its lock's pid means nothing here.
+    TemporaryHome home;
+    const QString flatpak = home.filePath(".var/app/org.mozilla.firefox/.mozilla/firefox/");
+    writeFile(flatpak + "profiles.ini", "[Profile0]\nPath=f\nDefault=1\n");
+    writeFile(flatpak + "f/extensions.json", extensionsJson({ours}));
+    ASSERT_TRUE(QFile::link("127.0.1.1:+2", flatpak + "f/lock"));
+    NativeHostInstaller::installForAllBrowsers(QUrl::fromLocalFile(velnoraBinary()));
+    EXPECT_EQ(
+        runMode(QStringLiteral("--bridge-status")).second.mid(0, 2),
+        (QStringList{"○ 未连接 · 浏览器在沙盒中运行",
+                     "Flatpak 版 Firefox 运行在沙盒里，启动不了澜镜的连接程序。请改用软件源（deb 包）或 Snap "
+                     "安装的 Firefox，并在其中安装澜镜扩展。"}));
 }
