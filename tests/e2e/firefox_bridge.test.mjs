@@ -9,6 +9,7 @@ import { once } from 'node:events';
 import { chmodSync, existsSync, mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
+import { setTimeout as sleep } from 'node:timers/promises';
 
 import {
   DEPTH, VELNORA, buildStandIns, composeExplainMessage, enqueue, extensionCopy, queued, read, standInSites,
@@ -84,6 +85,10 @@ describe('browser mode through a real Firefox', { timeout: 150_000 }, () => {
     buildStandIns(join(root, 'bundles'));
     standIns = await startStandIns(join(root, 'bundles'));
     standIns.state.sites = standInSites(standIns.origin);
+    // One site on a host the extension was not granted, as when the user refused it site access.
+    const { qwen } = standIns.state.sites;
+    const unlisted = (address) => address.replace('127.0.0.1', 'localhost');
+    Object.assign(qwen, { url: unlisted(qwen.url), newChatUrl: unlisted(qwen.newChatUrl), matches: qwen.matches.map(unlisted) });
     extensionCopy(join(root, 'extension'), standIns.state.sites, GECKO_ID);
     // A proxy file: named after the add-on's ID, holding the folder it loads from.
     writeFileSync(join(profile, 'extensions', GECKO_ID), join(root, 'extension'));
@@ -150,6 +155,17 @@ describe('browser mode through a real Firefox', { timeout: 150_000 }, () => {
       assert.deepEqual(lines(submissions[0].text), lines(composeExplainMessage(text, DEPTH)), provider);
     }
     assert.deepEqual(standIns.state.faults, []);
+  });
+
+  test('a site the extension may not access keeps its request queued and its page is not reloaded', async () => {
+    const loads = () => standIns.state.pageLoads.filter((load) => load.provider === 'qwen').length;
+    const record = enqueue(dataDir, { depthInstruction: DEPTH, provider: 'qwen', text: '没有访问权限', type: 'EXPLAIN_TEXT' });
+    await waitUntil(() => loads() > 0, 10_000, 'the site shown to the user');
+    // Two host retries (2 s, 4 s) come and go.
+    await sleep(7_000);
+    assert.equal(loads(), 1, 'the page was loaded again');
+    assert.ok(queued(dataDir, record.id), 'the request was dropped');
+    assert.deepEqual(submissionsFor('qwen'), []);
   });
 
   test('once Firefox stops, --bridge-status says so and exits 2', async () => {
