@@ -1,14 +1,22 @@
 // The browser bridge's costs as the user feels them: how fast a host Chrome starts is ready, what it
-// keeps resident, how long a request waits between enqueue and delivery, and what a queue scan costs.
+// keeps resident, how long a request waits between enqueue and delivery, what a queue scan costs, and
+// what one diagnosis of the browsers costs (the settings window makes one every two seconds).
 #include "BenchStatistics.h"
+#include "bridge/BridgeDiagnostics.h"
 #include "bridge/RequestStore.h"
+#include "config/ProviderCatalog.h"
 #include "support/NativeHostClient.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTemporaryDir>
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 #include <vector>
 
 using velnora::BridgeRequestType;
@@ -127,6 +135,42 @@ void BM_PendingScan(benchmark::State& state)
     }
 }
 BENCHMARK(BM_PendingScan)->Arg(1)->Arg(100)->Arg(1000)->Unit(benchmark::kMicrosecond);
+
+void writeFile(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly)) {
+        file.write(bytes);
+    }
+}
+
+// A Chrome without the extension beside a running Firefox whose profile lists it among Firefox's own
+// dozen add-ons, as a Debian desktop has them.
+void BM_DiagnoseChromeAndFirefox(benchmark::State& state)
+{
+    QTemporaryDir home;
+    qputenv("HOME", QFile::encodeName(home.path()));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(home.filePath(".config")));
+    qputenv("VELNORA_DATA_DIR", QFile::encodeName(home.filePath("data")));
+    writeFile(home.filePath(".config/google-chrome/Local State"), R"({"profile":{"last_used":"Default"}})");
+    writeFile(home.filePath(".config/google-chrome/Default/Preferences"),
+              R"({"extensions":{"settings":{}}})");
+    writeFile(home.filePath(".mozilla/firefox/profiles.ini"),
+              "[Profile0]\nPath=p.default-release\nDefault=1\n");
+    QJsonArray addons{QJsonObject{{"id", velnora::ExplainerConstants::firefoxExtensionIdentifier()}}};
+    for (int i = 0; i < 12; ++i) {
+        addons.append(QJsonObject{{"id", QStringLiteral("builtin-%1@mozilla.org").arg(i)},
+                                  {"defaultLocale", QJsonObject{{"description", QString(600, u'x')}}}});
+    }
+    const QString profile = home.filePath(".mozilla/firefox/p.default-release/");
+    writeFile(profile + "extensions.json", QJsonDocument(QJsonObject{{"addons", addons}}).toJson());
+    QFile::link(QStringLiteral("127.0.1.1:+%1").arg(::getpid()), profile + "lock");
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(velnora::BridgeDiagnostics::diagnoseCurrent(false));
+    }
+}
+BENCHMARK(BM_DiagnoseChromeAndFirefox)->Unit(benchmark::kMicrosecond);
 
 } // namespace
 

@@ -22,6 +22,8 @@ let work = Promise.resolve();
 const inProgress = new Set();
 // Requests that met a sign-in page, by the tab they wait in: sent again once the user is back.
 const awaitingSignIn = new Map();
+// Requests for sites the extension may not script yet, by id: sent again once access is granted.
+const awaitingPermission = new Map();
 
 // --- connection -------------------------------------------------------------------------------
 
@@ -42,7 +44,8 @@ function connect() {
   port = candidate;
   candidate.onMessage.addListener((message) => onHostMessage(message));
   candidate.onDisconnect.addListener(() => {
-    const reason = chrome.runtime.lastError?.message ?? '';
+    // Firefox says why on the port, Chrome in lastError.
+    const reason = candidate.error?.message ?? chrome.runtime.lastError?.message ?? '';
     if (port === candidate) {
       port = null;
     }
@@ -80,11 +83,13 @@ function showState(state, detail = {}) {
     connected: '澜镜 · 网页会话桥：已连接桌面应用',
     disconnected: '澜镜 · 网页会话桥：未连接桌面应用，每半分钟自动重连一次',
     outdated: `澜镜 · 网页会话桥：扩展版本 ${VERSION} 低于桌面应用要求的 ${detail.minimum}，请更新扩展`,
+    permission: `澜镜 · 网页会话桥：没有访问「${detail.site}」的权限，点此图标允许后，排队的请求会自动发出`,
   };
   chrome.action.setTitle({ title: titles[state] }).catch(() => {});
-  chrome.action.setBadgeText({ text: state === 'outdated' ? '!' : state === 'disconnected' ? '…' : '' })
+  const warning = state === 'outdated' || state === 'permission';
+  chrome.action.setBadgeText({ text: warning ? '!' : state === 'disconnected' ? '…' : '' })
     .catch(() => {});
-  if (state === 'outdated') {
+  if (warning) {
     chrome.action.setBadgeBackgroundColor({ color: '#d93025' }).catch(() => {});
   }
   chrome.storage.local.set({ bridgeState: { state, ...detail, at: Date.now() } }).catch(() => {});
@@ -189,6 +194,16 @@ async function carryOut(message, attempt) {
   const signingIn = await tabAwayForSignIn(site);
   if (signingIn !== null) {
     awaitingSignIn.set(signingIn, { message, site });
+    return 'nack';
+  }
+  // Without access to the site (refused at install in Firefox, or limited to clicks in Chrome) the
+  // page cannot be scripted: reloading it on every retry would only disturb the user.
+  if (!(await chrome.permissions.contains({ origins: siteOrigins(site) }))) {
+    showState('permission', { site: site.title });
+    if (!awaitingPermission.has(message.requestId)) {
+      awaitingPermission.set(message.requestId, message);
+      await showSite(site);
+    }
     return 'nack';
   }
   const tab = await showSite(site);
@@ -398,6 +413,27 @@ chrome.tabs.onUpdated.addListener((tabId, change, tab) => {
   }
 });
 chrome.tabs.onRemoved.addListener((tabId) => awaitingSignIn.delete(tabId));
+
+// --- site access ------------------------------------------------------------------------------
+
+// In the manifest's form: any port, any path.
+function siteOrigins(site) {
+  return [...new Set([site.url, ...site.matches].map((address) => {
+    const url = new URL(address);
+    return `${url.protocol}//${url.hostname}/*`;
+  }))];
+}
+
+// Asking needs the user's click, and no await may come before the request in its handler.
+chrome.action.onClicked.addListener(() => {
+  chrome.permissions.request({ origins: chrome.runtime.getManifest().host_permissions }).catch(() => false);
+});
+chrome.permissions.onAdded.addListener(() => {
+  const waiting = [...awaitingPermission.values()];
+  awaitingPermission.clear();
+  showState(port ? 'connected' : 'disconnected');
+  waiting.forEach((message) => onHostMessage(message));
+});
 
 // --- start ------------------------------------------------------------------------------------
 

@@ -23,6 +23,7 @@ test_packages=(
   xdotool xclip x11-utils imagemagick fonts-wqy-microhei trayer
   python3-gi gir1.2-gtk-3.0 tk xterm mate-settings-daemon
   chromium nodejs npm
+  firefox-esr
   openssl
   lintian desktop-file-utils appstream man-db
 )

@@ -39,6 +39,14 @@ test('every sign-in host a site sends visitors to lies inside the host permissio
   }
 });
 
+// Firefox runs the service worker's file as its background script, and knows the extension by the
+// gecko ID that the build admits.
+test('Chrome and Firefox start the same background file, and the gecko ID is the build\'s', () => {
+  assert.deepEqual(manifest.background.scripts, [manifest.background.service_worker]);
+  const cmakeDefault = read('../../CMakeLists.txt').match(/set\(VELNORA_FIREFOX_EXTENSION_ID\s+"([^"]*)"\s+CACHE/);
+  assert.equal(manifest.browser_specific_settings?.gecko?.id, cmakeDefault?.[1]);
+});
+
 // The host manifest admits exactly one extension ID: the one Chrome derives from the manifest key.
 test('the build option and this build name the ID Chrome derives from the manifest key', () => {
   const key = Buffer.from(manifest.key, 'base64');

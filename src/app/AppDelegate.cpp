@@ -374,16 +374,17 @@ QString AppDelegate::deliveryFeedback(const BridgeDiagnosis& diagnosis)
 {
     switch (diagnosis.kind) {
     case BridgeDiagnosis::Kind::chromeNotRunning:
-        return QStringLiteral("Chrome 没有运行");
+        return diagnosis.browserName() + QStringLiteral(" 没有运行");
     case BridgeDiagnosis::Kind::sandboxedBrowser:
         return QStringLiteral("沙盒中的浏览器连不上澜镜");
     case BridgeDiagnosis::Kind::extensionSilent:
-        return diagnosis.concernsExtensionInstall() ? QStringLiteral("Chrome 扩展未安装")
-                                                    : QStringLiteral("Chrome 扩展未连接");
+        return diagnosis.browserName() + (diagnosis.concernsExtensionInstall()
+                                              ? QStringLiteral(" 扩展未安装")
+                                              : QStringLiteral(" 扩展未连接"));
     case BridgeDiagnosis::Kind::manifestMissing:
     case BridgeDiagnosis::Kind::manifestPathBroken:
     case BridgeDiagnosis::Kind::manifestOriginMismatch:
-        return QStringLiteral("Chrome 连接配置需修复");
+        return diagnosis.browserName() + QStringLiteral(" 连接配置需修复");
     case BridgeDiagnosis::Kind::connected:
         break; // the host is alive and will take the request on its next scan
     }
@@ -533,7 +534,7 @@ void AppDelegate::checkChrome()
                               self->m_chromeCheckRunning = false;
                               self->m_chromeCountdown.stop();
                               if (diagnosis.kind == BridgeDiagnosis::Kind::connected) {
-                                  self->showFeedback(QStringLiteral("Chrome 已连接"));
+                                  self->showFeedback(diagnosis.browserName() + QStringLiteral(" 已连接"));
                               } else {
                                   self->showFeedback(deliveryFeedback(diagnosis), 3.0);
                               }

@@ -69,7 +69,7 @@ int runBridgeStatus(const ProcessArguments&)
             ModeResult::printLine(QStringLiteral("扩展目录：") + *folder);
         }
     }
-    return diagnosis == BridgeDiagnosis::connected() ? 0 : 2;
+    return diagnosis.kind == BridgeDiagnosis::Kind::connected ? 0 : 2;
 }
 
 int runBrowserRepairSelfTest(const ProcessArguments& arguments)
@@ -80,7 +80,7 @@ int runBrowserRepairSelfTest(const ProcessArguments& arguments)
     BridgeRepair::attempt(store, 12, [&outcome](const BridgeDiagnosis& diagnosis) { outcome = diagnosis; });
     // The repair has its own 12-second limit; this one only guards against a completion that never comes.
     waitUntil([&outcome] { return outcome.has_value(); }, 20s);
-    const bool connected = outcome == BridgeDiagnosis::connected();
+    const bool connected = outcome && outcome->kind == BridgeDiagnosis::Kind::connected;
     ModeResult::printLine(QStringLiteral("browser-repair-self-test: ") +
                           (connected ? QStringLiteral("ok") : QStringLiteral("connection timed out")));
     return connected ? 0 : 1;

@@ -10,6 +10,7 @@
 #include "app/UpdateRunModes.h"
 #include "capture/AccessibilityCheck.h"
 #include "config/ConfigSelfChecks.h"
+#include "config/ProviderCatalog.h"
 #include "overlay/OverlayRunModes.h"
 
 namespace velnora::RunModes {
@@ -63,9 +64,12 @@ const std::vector<Row>& table()
 
 bool isNativeMessagingInvocation(const QStringList& arguments)
 {
+    // Chrome passes the extension's origin; Firefox the host manifest's path and the extension's ID.
+    const QString firefoxExtension = ExplainerConstants::firefoxExtensionIdentifier();
     for (qsizetype i = 1; i < arguments.size(); ++i) {
         const QString& argument = arguments.at(i);
-        if (argument == u"--native-host" || argument.startsWith(u"chrome-extension://")) {
+        if (argument == u"--native-host" || argument.startsWith(u"chrome-extension://") ||
+            argument == firefoxExtension) {
             return true;
         }
     }

@@ -2,8 +2,50 @@
 
 namespace velnora {
 
+namespace {
+
+// Firefox has no unpacked-folder loading for users and no "chrome://extensions"; everything else is
+// the Chrome sentence with the browser's name.
+QString firefoxAdvice(const BridgeDiagnosis& diagnosis, const QString& chromeAdvice)
+{
+    using Kind = BridgeDiagnosis::Kind;
+    const ChromeExtensionInstall::Kind install = diagnosis.install.kind;
+    if (diagnosis.kind == Kind::manifestMissing) {
+        return QStringLiteral("Firefox 还没有本机的连接配置。点「修复连接」重新写入，再重启 Firefox。");
+    }
+    if (diagnosis.kind == Kind::manifestOriginMismatch) {
+        return QStringLiteral("连接配置授权的不是当前扩展 ID，Firefox 会直接拒绝连接。点「修复连接」写入当前 "
+                              "ID，再重启 Firefox。");
+    }
+    if (diagnosis.kind == Kind::extensionSilent && install == ChromeExtensionInstall::Kind::absent) {
+        return QStringLiteral(
+            "默认 Firefox 配置文件中未发现本版扩展记录；这不代表其他配置文件中没有安装。点"
+            "「安装扩展」查看安装方法：正式版 Firefox 请从澜镜官网安装签名版扩展；开发时可在 "
+            "Firefox ESR 或开发者版中关闭签名要求后安装未签名版。");
+    }
+    if (diagnosis.kind == Kind::sandboxedBrowser) {
+        return diagnosis.path +
+               QStringLiteral(" 运行在沙盒里，启动不了澜镜的连接程序。请改用软件源（deb 包）或 Snap "
+                              "安装的 Firefox，并在其中安装澜镜扩展。");
+    }
+    if (diagnosis.kind == Kind::extensionSilent) {
+        return QStringLiteral(
+            "Firefox 在运行，但扩展的后台没连上。它自己每半分钟会重连一次，划词请求会排在队列里"
+            "等它回来；一直不连就到 about:addons 确认「澜镜 · 网页会话桥」已启用，必要时停用后"
+            "再启用一次。");
+    }
+    QString advice = chromeAdvice;
+    return advice.replace(QStringLiteral("Chrome"), diagnosis.browserName());
+}
+
+} // namespace
+
 QString BridgeDiagnosis::statusText() const
 {
+    if (family == BrowserFamily::firefox) {
+        QString text = BridgeDiagnosis{kind, path, install}.statusText();
+        return text.replace(QStringLiteral("Chrome"), browserName());
+    }
     switch (kind) {
     case Kind::connected:
         return QStringLiteral("● Chrome 已连接");
@@ -32,6 +74,9 @@ QString BridgeDiagnosis::statusText() const
 
 QString BridgeDiagnosis::advice() const
 {
+    if (family == BrowserFamily::firefox) {
+        return firefoxAdvice(*this, BridgeDiagnosis{kind, path, install}.advice());
+    }
     switch (kind) {
     case Kind::connected:
         return QStringLiteral("Chrome 扩展已连接，划词即可发到网页会话。");

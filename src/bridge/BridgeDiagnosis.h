@@ -1,5 +1,6 @@
 #pragma once
 
+#include "bridge/BrowserFamily.h"
 #include "bridge/ChromeExtensionInstall.h"
 
 #include <QString>
@@ -21,7 +22,8 @@ struct BridgeDiagnosis
 
     Kind kind = Kind::manifestMissing;
     QString path; // manifestPathBroken: where the manifest points; sandboxedBrowser: its name
-    ChromeExtensionInstall install; // extensionSilent: what the profile files say
+    ChromeExtensionInstall install;                 // extensionSilent: what the profile files say
+    BrowserFamily family = BrowserFamily::chromium; // which browser the sentences name
 
     static BridgeDiagnosis manifestPathBroken(QString path)
     {
@@ -41,6 +43,18 @@ struct BridgeDiagnosis
         return {Kind::sandboxedBrowser, std::move(browserTitle), {}};
     }
 
+    BridgeDiagnosis inFirefox() const
+    {
+        BridgeDiagnosis copy = *this;
+        copy.family = BrowserFamily::firefox;
+        return copy;
+    }
+
+    // "Chrome" or "Firefox", as the sentences name the browser.
+    QString browserName() const
+    {
+        return family == BrowserFamily::firefox ? QStringLiteral("Firefox") : QStringLiteral("Chrome");
+    }
     QString statusText() const;
     QString advice() const;
     // The extension itself is missing or of the wrong edition: pointing at the bundled folder helps.

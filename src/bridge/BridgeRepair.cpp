@@ -3,6 +3,7 @@
 #include "bridge/BridgeDiagnostics.h"
 #include "bridge/ChromiumBrowsers.h"
 #include "bridge/FileSystemError.h"
+#include "bridge/FirefoxBrowser.h"
 #include "bridge/NativeHostInstaller.h"
 
 #include <QDeadlineTimer>
@@ -67,26 +68,46 @@ bool launchChrome()
         }
         lastLaunch.start();
     }
-    const ChromiumBrowsers::Browser* chosen = &ChromiumBrowsers::primary();
-    std::optional<QString> program = ChromiumBrowsers::findProgram(*chosen);
+    const BridgeDiagnostics::DiagnosedBrowser diagnosed = BridgeDiagnostics::diagnosedBrowser();
+    std::optional<QString> program;
+    QString hostsFolder;
+    BrowserFamily family = BrowserFamily::chromium;
+    if (diagnosed.firefox) {
+        program = FirefoxBrowser::findProgram();
+        hostsFolder = FirefoxBrowser::nativeMessagingHostsDirectory(*diagnosed.firefox);
+        family = BrowserFamily::firefox;
+    }
+    std::vector<const ChromiumBrowsers::Browser*> chromium{diagnosed.chromium ? diagnosed.chromium
+                                                                              : &ChromiumBrowsers::primary()};
     for (const ChromiumBrowsers::Browser& browser : ChromiumBrowsers::all()) {
+        chromium.push_back(&browser);
+    }
+    for (const ChromiumBrowsers::Browser* browser : chromium) {
         if (program) {
             break;
         }
-        chosen = &browser;
-        program = ChromiumBrowsers::findProgram(browser);
+        program = ChromiumBrowsers::findProgram(*browser);
+        hostsFolder = ChromiumBrowsers::nativeMessagingHostsDirectory(*browser);
+    }
+    // Debian's default browser may be the only one there is.
+    if (!program && (program = FirefoxBrowser::findProgram())) {
+        hostsFolder = FirefoxBrowser::nativeMessagingHostsDirectory(FirefoxBrowser::all().front());
+        family = BrowserFamily::firefox;
     }
     if (!program) {
         return false;
     }
     // A browser started for the first time has no data folder yet, so nothing admitted our host there.
     try {
-        NativeHostInstaller::install(ChromiumBrowsers::nativeMessagingHostsDirectory(*chosen));
+        NativeHostInstaller::install(hostsFolder, std::nullopt, family);
     } catch (const FileSystemError&) {
     }
     QProcess process;
     process.setProgram(*program);
-    process.setArguments({QStringLiteral("--no-startup-window")});
+    // Firefox has no windowless start on Linux: it opens its usual window, where the extension works.
+    if (family == BrowserFamily::chromium) {
+        process.setArguments({QStringLiteral("--no-startup-window")});
+    }
     process.setStandardInputFile(QProcess::nullDevice());
     process.setStandardOutputFile(QProcess::nullDevice());
     process.setStandardErrorFile(QProcess::nullDevice());

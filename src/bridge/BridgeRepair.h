@@ -17,8 +17,9 @@ void attempt(const RequestStore& store, double timeout,
 // Checks the heartbeat every 0.5 s until it is fresh or the deadline (seconds from now) has passed.
 void waitForBridge(const RequestStore& store, double secondsLeft, std::function<void(bool)> completion);
 
-// Starts the browser with "--no-startup-window", detached, output to /dev/null; at most once every
-// 4 seconds. False when nothing was started (too soon, or no browser on PATH).
+// Starts the diagnosed browser (Chromium with "--no-startup-window", Firefox as it is), else the first
+// browser found on PATH; detached, output to /dev/null; at most once every 4 seconds. False when nothing
+// was started (too soon, or no browser on PATH).
 bool launchChrome();
 
 } // namespace velnora::BridgeRepair

@@ -17,14 +17,6 @@ QString configHome()
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation);
 }
 
-bool processAlive(qint64 pid)
-{
-    if (pid <= 0) {
-        return false;
-    }
-    return ::kill(pid_t(pid), 0) == 0 || errno == EPERM;
-}
-
 std::optional<bool> singletonLockSaysRunning(const QString& userDataDirectory)
 {
     const QString target =
@@ -40,7 +32,7 @@ std::optional<bool> singletonLockSaysRunning(const QString& userDataDirectory)
         return std::nullopt;
     }
     // A crash leaves the link behind; only a live pid counts.
-    return processAlive(pid);
+    return isProcessAlive(pid);
 }
 
 QStringList commandLine(const QString& pidDirectory)
@@ -90,6 +82,14 @@ bool processScanSaysRunning(const Browser& browser, const QString& userDataDirec
 }
 
 } // namespace
+
+bool isProcessAlive(qint64 pid)
+{
+    if (pid <= 0) {
+        return false;
+    }
+    return ::kill(pid_t(pid), 0) == 0 || errno == EPERM;
+}
 
 const std::vector<Browser>& all()
 {

@@ -42,6 +42,9 @@ const Browser& primary();
 // Sandboxed builds: the lock only.
 bool isRunning(const Browser& browser, const QString& userDataDirectory);
 
+// A process of that pid exists (possibly another user's).
+bool isProcessAlive(qint64 pid);
+
 // The first of the browser's programs found on PATH.
 std::optional<QString> findProgram(const Browser& browser);
 

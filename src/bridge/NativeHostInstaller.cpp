@@ -3,6 +3,7 @@
 #include "bridge/AtomicFile.h"
 #include "bridge/ChromiumBrowsers.h"
 #include "bridge/FileSystemError.h"
+#include "bridge/FirefoxBrowser.h"
 #include "config/ProviderCatalog.h"
 
 #include <QDir>
@@ -19,13 +20,17 @@ namespace velnora::NativeHostInstaller {
 QByteArray Manifest::encode() const
 {
     // QJsonObject sorts its keys and Qt never escapes "/", which is exactly the wanted form.
-    const QJsonObject object{
+    QJsonObject object{
         {QStringLiteral("name"), name},
         {QStringLiteral("description"), description},
         {QStringLiteral("path"), path},
         {QStringLiteral("type"), type},
-        {QStringLiteral("allowed_origins"), QJsonArray::fromStringList(allowedOrigins)},
     };
+    if (!allowedExtensions.isEmpty()) {
+        object.insert(QStringLiteral("allowed_extensions"), QJsonArray::fromStringList(allowedExtensions));
+    } else {
+        object.insert(QStringLiteral("allowed_origins"), QJsonArray::fromStringList(allowedOrigins));
+    }
     return QJsonDocument(object).toJson(QJsonDocument::Indented);
 }
 
@@ -46,28 +51,44 @@ std::optional<Manifest> Manifest::decode(const QByteArray& bytes)
         }
         *field = value.toString();
     }
-    const QJsonValue origins = object.value(QStringLiteral("allowed_origins"));
-    if (!origins.isArray()) {
-        return std::nullopt;
-    }
-    for (const QJsonValue& origin : origins.toArray()) {
-        if (!origin.isString()) {
+    bool listed = false;
+    for (const auto& [key, list] : {std::pair{"allowed_origins", &manifest.allowedOrigins},
+                                    std::pair{"allowed_extensions", &manifest.allowedExtensions}}) {
+        const QJsonValue entries = object.value(QLatin1String(key));
+        if (entries.isUndefined()) {
+            continue;
+        }
+        if (!entries.isArray()) {
             return std::nullopt;
         }
-        manifest.allowedOrigins.append(origin.toString());
+        listed = true;
+        for (const QJsonValue& entry : entries.toArray()) {
+            if (!entry.isString()) {
+                return std::nullopt;
+            }
+            list->append(entry.toString());
+        }
     }
-    return manifest;
+    return listed ? std::optional(manifest) : std::nullopt;
 }
 
-Manifest manifestFor(const QString& executablePath)
+Manifest manifestFor(const QString& executablePath, BrowserFamily family)
 {
-    return Manifest{
+    Manifest manifest{
         QString::fromLatin1(hostName),
         QString::fromUtf8(description),
         executablePath,
         QStringLiteral("stdio"),
-        {QStringLiteral("chrome-extension://") + ExplainerConstants::extensionIdentifier() + u'/'},
+        {},
+        {},
     };
+    if (family == BrowserFamily::firefox) {
+        manifest.allowedExtensions = {ExplainerConstants::firefoxExtensionIdentifier()};
+    } else {
+        manifest.allowedOrigins = {QStringLiteral("chrome-extension://") +
+                                   ExplainerConstants::extensionIdentifier() + u'/'};
+    }
+    return manifest;
 }
 
 QString hostDirectoryURL()
@@ -95,7 +116,7 @@ QString executablePathOf(const QString& exeLink)
     return resolved;
 }
 
-QString install(std::optional<QString> hostDirectory, std::optional<QUrl> executableURL)
+QString install(std::optional<QString> hostDirectory, std::optional<QUrl> executableURL, BrowserFamily family)
 {
     const QUrl executable = executableURL.value_or(QUrl::fromLocalFile(currentExecutablePath()));
     if (!executable.isLocalFile() || executable.toLocalFile().isEmpty()) {
@@ -106,7 +127,7 @@ QString install(std::optional<QString> hostDirectory, std::optional<QUrl> execut
         throw FileSystemError(QFileInfo(directory).exists() ? ENOTDIR : EACCES, directory);
     }
     const QString standardPath = QDir::cleanPath(QFileInfo(executable.toLocalFile()).absoluteFilePath());
-    const QByteArray bytes = manifestFor(standardPath).encode();
+    const QByteArray bytes = manifestFor(standardPath, family).encode();
     const QString target = QDir(directory).filePath(QString::fromLatin1(manifestFileName));
     bool readable = false;
     if (AtomicFile::read(target, &readable) == bytes && readable) {
@@ -132,6 +153,17 @@ QStringList installForAllBrowsers(std::optional<QUrl> executableURL)
             if (chrome) {
                 chromeFailure = error;
             }
+        }
+    }
+    for (const FirefoxBrowser::Installation& firefox : FirefoxBrowser::all()) {
+        const QString folder = FirefoxBrowser::nativeMessagingHostsDirectory(firefox);
+        if (!FirefoxBrowser::hasDataFolder(firefox) ||
+            written.contains(QDir(folder).filePath(QLatin1String(manifestFileName)))) {
+            continue;
+        }
+        try {
+            written.append(install(folder, executableURL, BrowserFamily::firefox));
+        } catch (const FileSystemError&) {
         }
     }
     if (chromeFailure) {

@@ -1,12 +1,14 @@
 #pragma once
 
+#include "bridge/BrowserFamily.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
 #include <QUrl>
 #include <optional>
 
-// Writes the manifest by which a Chromium-family browser finds and admits our native-messaging host.
+// Writes the manifest by which a browser finds and admits our native-messaging host.
 namespace velnora::NativeHostInstaller {
 
 inline constexpr const char* hostName = "com.tarnwick.velnora.domestic";
@@ -21,18 +23,19 @@ struct Manifest
     QString description;
     QString path;
     QString type;
-    QStringList allowedOrigins;
+    QStringList allowedOrigins;    // Chromium family
+    QStringList allowedExtensions; // Firefox
 
-    // Pretty printed, keys sorted, slashes not escaped.
+    // Pretty printed, keys sorted, slashes not escaped; the admission list of its family only.
     QByteArray encode() const;
-    // nullopt unless every field is present with its type.
+    // nullopt unless every field is present with its type; one of the two lists is enough.
     static std::optional<Manifest> decode(const QByteArray& bytes);
 
     friend bool operator==(const Manifest&, const Manifest&) = default;
 };
 
 // The manifest for this build's host at that executable path.
-Manifest manifestFor(const QString& executablePath);
+Manifest manifestFor(const QString& executablePath, BrowserFamily family = BrowserFamily::chromium);
 
 // The diagnosis's folder: Google Chrome's (or Chromium's when only it is present) NativeMessagingHosts.
 QString hostDirectoryURL();
@@ -46,11 +49,12 @@ QString executablePathOf(const QString& exeLink);
 // Writes host folder + manifestFileName unless its bytes are already the same; mode 0644. The executable
 // must be a file URL (else ENOENT). Throws FileSystemError. Returns the manifest's path.
 QString install(std::optional<QString> hostDirectory = std::nullopt,
-                std::optional<QUrl> executableURL = std::nullopt);
+                std::optional<QUrl> executableURL = std::nullopt,
+                BrowserFamily family = BrowserFamily::chromium);
 
-// Installs into Google Chrome's folder always, and into every other known browser's folder when that
-// browser's data folder exists. Returns the manifests written or already current; throws the first
-// failure only when not even Chrome's folder could be written.
+// Installs into Google Chrome's folder always, and into every other known browser's folder (Firefox's
+// classic and Snap ones included) when that browser's data folder exists. Returns the manifests written or
+// already current; throws the first failure only when not even Chrome's folder could be written.
 QStringList installForAllBrowsers(std::optional<QUrl> executableURL = std::nullopt);
 
 } // namespace velnora::NativeHostInstaller

@@ -221,15 +221,17 @@ void NativeMessagingHost::handleIncoming(const QJsonObject& message)
 
 void NativeMessagingHost::writeExtensionStatus(const QJsonObject& message)
 {
-    const QString expected = ExplainerConstants::extensionIdentifier();
     const QJsonValue identifier = message.value(QStringLiteral("extensionID"));
     const QJsonValue version = message.value(QStringLiteral("version"));
-    if (identifier.toString() != expected || !identifier.isString() || !version.isString() ||
-        version.toString().toUcs4().size() > 31) {
+    // The status names the browser too: Chrome reports the Chrome ID, Firefox the gecko ID.
+    const QString reported = identifier.toString();
+    const bool ours = reported == ExplainerConstants::extensionIdentifier() ||
+                      reported == ExplainerConstants::firefoxExtensionIdentifier();
+    if (!ours || !identifier.isString() || !version.isString() || version.toString().toUcs4().size() > 31) {
         return;
     }
     const QJsonObject status{
-        {QStringLiteral("extensionID"), expected},
+        {QStringLiteral("extensionID"), reported},
         {QStringLiteral("version"), version.toString()},
         {QStringLiteral("updatedAt"), RequestStore::nowSeconds()},
     };

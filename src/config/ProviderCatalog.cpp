@@ -122,4 +122,10 @@ QString ExplainerConstants::extensionIdentifier()
     return configured.isEmpty() ? QString::fromLatin1(defaultExtensionIdentifier) : configured;
 }
 
+QString ExplainerConstants::firefoxExtensionIdentifier()
+{
+    const QString configured = QStringLiteral(VELNORA_FIREFOX_EXTENSION_ID).trimmed();
+    return configured.isEmpty() ? QString::fromLatin1(defaultFirefoxExtensionIdentifier) : configured;
+}
+
 } // namespace velnora

@@ -101,6 +101,9 @@ namespace ExplainerConstants {
 QString extensionIdentifier();
 // The extension's published identifier, used when the build sets none.
 inline constexpr const char* defaultExtensionIdentifier = "kembcdlbgbcnnchcnbdhbmbhbejnedjf";
+// The same extension in Firefox (its manifest's gecko ID).
+QString firefoxExtensionIdentifier();
+inline constexpr const char* defaultFirefoxExtensionIdentifier = "bridge@velnora.tarnwick.cn";
 } // namespace ExplainerConstants
 
 } // namespace velnora

@@ -217,7 +217,9 @@ std::optional<QString> ProductUpdates::installedExtensionVersion(const QString& 
     const QJsonValue identifier = status.value(QLatin1String("extensionID"));
     const QJsonValue updatedAt = status.value(QLatin1String("updatedAt"));
     const QJsonValue version = status.value(QLatin1String("version"));
-    if (!identifier.isString() || identifier.toString() != ExplainerConstants::extensionIdentifier()) {
+    if (!identifier.isString() ||
+        (identifier.toString() != ExplainerConstants::extensionIdentifier() &&
+         identifier.toString() != ExplainerConstants::firefoxExtensionIdentifier())) {
         return std::nullopt;
     }
     if (!updatedAt.isDouble() || !(now - updatedAt.toDouble() < statusMaximumAge)) {

@@ -3,6 +3,7 @@
 #include "app/LaunchAtLogin.h"
 #include "app/RunModes.h"
 #include "app/StatusMenu.h"
+#include "config/ProviderCatalog.h"
 #include "support/TestEnvironment.h"
 
 #include <QFile>
@@ -27,6 +28,11 @@ TEST(RunModes, FirstMatchingRowInTableOrderDecides)
         {{"--dark", "--render-overlay", "/tmp/card.png"}, "--render-overlay"},
         // Chrome starts the host with its origin.
         {{"--unknown", "chrome-extension://fdhfgnjhaaajmaghafbmgilcmhecbjol/"}, "host"},
+        // Firefox with the host manifest's path and the gecko ID; another add-on's ID is not ours.
+        {{"/home/u/.mozilla/native-messaging-hosts/com.tarnwick.velnora.domestic.json",
+          ExplainerConstants::firefoxExtensionIdentifier()},
+         "host"},
+        {{"/home/u/.mozilla/native-messaging-hosts/x.json", "other@example.org"}, "app"},
     };
     for (const auto& [arguments, mode] : cases) {
         const RunModes::Row* row =

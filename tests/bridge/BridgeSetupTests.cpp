@@ -23,15 +23,6 @@ using namespace velnora::test;
 
 namespace {
 
-// The exit code (-1 when it hung) and the lines velnora printed for one flag.
-std::pair<int, QStringList> runMode(const QString& flag)
-{
-    QProcess process;
-    process.start(velnoraBinary(), {flag});
-    const int exitCode = process.waitForFinished(20000) ? process.exitCode() : -1;
-    return {exitCode, QString::fromUtf8(process.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts)};
-}
-
 QByteArray preferences(const QJsonObject& settings)
 {
     return QJsonDocument(QJsonObject{{"extensions", QJsonObject{{"settings", settings}}}}).toJson();

@@ -1,10 +1,15 @@
 #pragma once
 
+#include "support/TestEnvironment.h"
+
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
+#include <QStringList>
 #include <filesystem>
+#include <utility>
 
 namespace velnora::test {
 
@@ -27,6 +32,15 @@ inline bool setModificationTime(const QString& path, double secondsSince1970)
     return file.open(QIODevice::Append) &&
            file.setFileTime(QDateTime::fromMSecsSinceEpoch(qint64(secondsSince1970 * 1000)),
                             QFileDevice::FileModificationTime);
+}
+
+// The exit code (-1 when it hung) and the lines velnora printed for one flag.
+inline std::pair<int, QStringList> runMode(const QString& flag)
+{
+    QProcess process;
+    process.start(velnoraBinary(), {flag});
+    const int exitCode = process.waitForFinished(20000) ? process.exitCode() : -1;
+    return {exitCode, QString::fromUtf8(process.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts)};
 }
 
 inline unsigned permissions(const QString& path)

@@ -110,6 +110,16 @@ TEST_F(HostTest, DeliversOldestFirstOnceUntilAnsweredAndIgnoresStrayAnswers)
     const QJsonObject status = QJsonDocument::fromJson(readFile(store.extensionStatusFilePath())).object();
     EXPECT_EQ(status.value(QStringLiteral("extensionID")).toString(), ours);
     EXPECT_EQ(status.value(QStringLiteral("version")).toString(), QString(31, u'7'));
+
+    // Firefox reports the gecko ID, and the status then names it.
+    const QString gecko = ExplainerConstants::firefoxExtensionIdentifier();
+    host->send(QJsonObject{{"type", "EXTENSION_STATUS"}, {"extensionID", gecko}, {"version", "2.11.1"}});
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] {
+            return QJsonDocument::fromJson(readFile(store.extensionStatusFilePath())).object().value("extensionID") ==
+                   gecko;
+        },
+        5000));
 }
 
 TEST_F(HostTest, EveryMalformedFrameEndsTheHostUnheededAndTheLargestIsAccepted)

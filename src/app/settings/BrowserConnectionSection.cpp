@@ -5,6 +5,7 @@
 #include "bridge/BridgeRepair.h"
 #include "bridge/BundledExtension.h"
 #include "bridge/PageSelfCheck.h"
+#include "updates/ProductRelease.h"
 
 #include <QApplication>
 #include <QClipboard>
@@ -138,6 +139,10 @@ void BrowserConnectionSection::installExtension()
                                Tone::error);
         return;
     }
+    if (BridgeDiagnostics::diagnosedBrowser().family == BrowserFamily::firefox) {
+        installFirefoxExtension(*folder);
+        return;
+    }
     QApplication::clipboard()->setText(QStringLiteral("chrome://extensions/"));
     const bool opened = m_openURL && m_openURL(QUrl::fromLocalFile(*folder));
     const QString native = QDir::toNativeSeparators(*folder);
@@ -148,6 +153,26 @@ void BrowserConnectionSection::installExtension()
                 "并把 chrome://extensions/ 复制到了剪贴板。请在 Chrome 地址栏粘贴打开，开启右上角的"
                 "「开发者模式」，点「加载已解压的扩展程序」，选择这个目录：") +
             native,
+        Tone::info);
+}
+
+void BrowserConnectionSection::installFirefoxExtension(const QString& folder)
+{
+    // Release builds of Firefox refuse unsigned extensions: the signed one comes from the site.
+    const QUrl site = ProductRelease::website();
+    const bool opened = m_openURL && m_openURL(site);
+    const QString debugging = QStringLiteral("about:debugging#/runtime/this-firefox");
+    QApplication::clipboard()->setText(debugging);
+    m_message->showMessage(
+        (opened ? QStringLiteral("已打开澜镜官网，")
+                : QStringLiteral("请打开澜镜官网 ") + site.toString() + QStringLiteral("，")) +
+            QStringLiteral(
+                "下载签名版扩展并在 Firefox 中安装。开发调试时可用 Firefox ESR 或开发者版：在 "
+                "about:config 把 xpinstall.signatures.required 设为 false 后安装未签名版；或在地址栏"
+                "粘贴已复制的 ") +
+            debugging + QStringLiteral("，点「临时载入附加组件」，选择 ") +
+            QDir::toNativeSeparators(QDir(folder).filePath(QStringLiteral("manifest.json"))) +
+            QStringLiteral("（重启 Firefox 后需重新载入）。"),
         Tone::info);
 }
 

@@ -17,8 +17,8 @@ namespace velnora {
 class PageSelfCheck;
 class ResultLine;
 
-// "浏览器连接": whether the companion extension is connected, and the repair, install and page-check
-// actions.
+// "浏览器连接": whether the companion extension is connected (in Chrome or Firefox, whichever carries
+// it), and the repair, install and page-check actions.
 // Its status is read again every two seconds while it is visible.
 class BrowserConnectionSection : public QGroupBox
 {
@@ -48,6 +48,7 @@ protected:
 
 private:
     void tick();
+    void installFirefoxExtension(const QString& folder);
 
     RequestStore m_requestStore;
     std::function<bool(const QUrl&)> m_openURL;
