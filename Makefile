@@ -5,7 +5,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all deps build run test test-asan bench package clean
+.PHONY: all deps build run test test-asan fuzz bench package clean
 
 all: build
 
@@ -29,6 +29,14 @@ test-asan: deps
 	cmake --build build-asan -j $(JOBS)
 	./scripts/desktop-session.sh ctest --preset asan -j $(JOBS)
 
+# Every fuzz target for FUZZ_SECONDS each, one after the other; corpora stay in build-fuzz/tests/fuzz/corpus.
+FUZZ_SECONDS ?= 60
+fuzz:
+	./scripts/install-deps.sh fuzz
+	cmake --preset fuzz
+	cmake --build --preset fuzz -j $(JOBS)
+	./tests/fuzz/run-fuzzers.sh build-fuzz $(FUZZ_SECONDS)
+
 # The Debian package (velnora_<version>_amd64.deb in the build folder), from the build the tests use.
 package: build
 	cmake --build $(BUILD_DIR) --target package
@@ -37,4 +45,4 @@ bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
 
 clean:
-	rm -rf $(BUILD_DIR) build-asan
+	rm -rf $(BUILD_DIR) build-asan build-fuzz

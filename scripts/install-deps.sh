@@ -19,12 +19,15 @@ session_packages=(
   openssl
   lintian desktop-file-utils
 )
+# Only `make fuzz`: clang with libFuzzer and the sanitizer runtimes.
+fuzz_packages=(clang libclang-rt-14-dev)
 
 wanted=("${build_packages[@]}")
 case "${1:-all}" in
   build) ;;
   all) wanted+=("${session_packages[@]}") ;;
-  *) echo "usage: $0 [build|all]" >&2; exit 2 ;;
+  fuzz) wanted+=("${fuzz_packages[@]}") ;;
+  *) echo "usage: $0 [build|all|fuzz]" >&2; exit 2 ;;
 esac
 
 missing=()

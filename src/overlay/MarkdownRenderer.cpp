@@ -5,7 +5,6 @@
 #include <QTextCursor>
 #include <QTextDocument>
 #include <QUrl>
-
 #include <algorithm>
 #include <array>
 #include <optional>
@@ -128,43 +127,57 @@ QTextCharFormat charStyle(const QFont& font, const QColor& colour)
     return format;
 }
 
-// Searches for closing tokens; once a token is known to be absent after some index it is absent after
-// every later one, which keeps unclosed markers from making a line quadratic.
+// Searches for closing tokens. Once a token is known to be absent after some index it is absent after
+// every later one, and the last hit stays the next one for every later start up to it; so a line of many
+// openers before one far closer ("[[[[...](") scans that line once, not once per opener.
 class TokenSearch
 {
 public:
     enum Token { backtick, doubleStar, doubleUnderscore, doubleTilde, star, linkMiddle, closeParen, count };
 
-    explicit TokenSearch(QStringView text) : m_text(text) { m_absentFrom.fill(text.size() + 1); }
+    explicit TokenSearch(QStringView text) : m_text(text)
+    {
+        m_absentFrom.fill(text.size() + 1);
+        m_foundAt.fill(-1);
+    }
 
     std::optional<qsizetype> find(Token token, qsizetype from)
     {
         if (from >= m_absentFrom[token]) {
             return std::nullopt;
         }
+        if (from >= m_searchedFrom[token] && from <= m_foundAt[token]) {
+            return m_foundAt[token];
+        }
         const qsizetype found = m_text.indexOf(spelling(token), from);
         if (found < 0) {
             m_absentFrom[token] = from;
             return std::nullopt;
         }
+        m_searchedFrom[token] = from;
+        m_foundAt[token] = found;
         return found;
     }
 
 private:
     static QStringView spelling(Token token)
     {
-        static constexpr std::array<const char16_t*, count> spellings{u"`", u"**", u"__", u"~~", u"*", u"](", u")"};
+        static constexpr std::array<const char16_t*, count> spellings{u"`", u"**", u"__", u"~~",
+                                                                      u"*", u"](", u")"};
         return QStringView(spellings[token]);
     }
 
     QStringView m_text;
     std::array<qsizetype, count> m_absentFrom{};
+    std::array<qsizetype, count> m_searchedFrom{};
+    std::array<qsizetype, count> m_foundAt{};
 };
 
 class Writer
 {
 public:
-    Writer(QTextDocument& document, const SemanticColors& colours) : m_cursor(&document), m_colours(colours) {}
+    Writer(QTextDocument& document, const SemanticColors& colours) : m_cursor(&document), m_colours(colours)
+    {}
 
     QTextCursor& cursor() { return m_cursor; }
 
@@ -191,7 +204,8 @@ public:
             insert(plain, format);
             plain.clear();
         };
-        auto styled = [&](qsizetype open, qsizetype close, qsizetype markerLength, const QTextCharFormat& inner) {
+        auto styled = [&](qsizetype open, qsizetype close, qsizetype markerLength,
+                          const QTextCharFormat& inner) {
             flush();
             appendInline(text.sliced(open + markerLength, close - open - markerLength), inner, depth + 1);
         };
@@ -209,7 +223,7 @@ public:
                     continue;
                 }
             } else if (doubled && (c == u'*' || c == u'_' || c == u'~')) {
-                const auto token = c == u'*' ? TokenSearch::doubleStar
+                const auto token = c == u'*'   ? TokenSearch::doubleStar
                                    : c == u'_' ? TokenSearch::doubleUnderscore
                                                : TokenSearch::doubleTilde;
                 if (const auto close = search.find(token, i + 2)) {
@@ -241,7 +255,8 @@ public:
                 if (const auto middle = search.find(TokenSearch::linkMiddle, i + 1)) {
                     if (const auto close = search.find(TokenSearch::closeParen, *middle + 2)) {
                         const QStringView label = text.sliced(i + 1, *middle - i - 1);
-                        const QUrl url(text.sliced(*middle + 2, *close - *middle - 2).toString(), QUrl::StrictMode);
+                        const QUrl url(text.sliced(*middle + 2, *close - *middle - 2).toString(),
+                                       QUrl::StrictMode);
                         if (url.isValid() && !url.scheme().isEmpty()) {
                             QTextCharFormat inner = format;
                             inner.setAnchor(true);
@@ -342,8 +357,10 @@ void appendCodeBlock(Writer& writer, const QString& body, QStringView language, 
     if (!language.isEmpty()) {
         QTextBlockFormat label = block;
         label.setBottomMargin(0);
-        writer.startBlock(label, charStyle(OverlayStyle::uiFont(smallSize, QFont::DemiBold), colours.secondaryLabel));
-        writer.insert(language, charStyle(OverlayStyle::uiFont(smallSize, QFont::DemiBold), colours.secondaryLabel));
+        writer.startBlock(
+            label, charStyle(OverlayStyle::uiFont(smallSize, QFont::DemiBold), colours.secondaryLabel));
+        writer.insert(language,
+                      charStyle(OverlayStyle::uiFont(smallSize, QFont::DemiBold), colours.secondaryLabel));
         block.setTopMargin(0);
     }
     const QTextCharFormat chars = charStyle(codeFont(), colours.label);
