@@ -24,10 +24,16 @@ run: build
 test: build
 	./scripts/desktop-session.sh ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS) $(CTEST_ARGS)
 
+# Unit, gui and desktop tests under AddressSanitizer and UndefinedBehaviorSanitizer. Reports go to files, so
+# that one from a process a test starts (whose output the test may not show) fails the run too.
 test-asan: deps
 	cmake --preset asan
 	cmake --build build-asan -j $(JOBS)
-	./scripts/desktop-session.sh ctest --preset asan -j $(JOBS)
+	rm -rf build-asan/sanitizer-reports && mkdir -p build-asan/sanitizer-reports
+	./scripts/desktop-session.sh ctest --preset asan -j $(JOBS) $(CTEST_ARGS); status=$$?; \
+	if [ -n "$$(ls build-asan/sanitizer-reports)" ]; then \
+	  cat build-asan/sanitizer-reports/*; echo "test-asan: sanitizer reports above" >&2; exit 1; fi; \
+	exit $$status
 
 # Every fuzz target for FUZZ_SECONDS each, one after the other; corpora stay in build-fuzz/tests/fuzz/corpus.
 FUZZ_SECONDS ?= 60
