@@ -26,9 +26,10 @@ for name in "${targets[@]}"; do
   [ -n "${dictionary[$name]:-}" ] && options+=(-dict="$here/${dictionary[$name]}")
   started=$SECONDS
   log=$fuzz/$name.log
-  QT_QPA_PLATFORM=offscreen "$fuzz/fuzz_$name" "${options[@]}" "$corpus" "$fuzz/seeds/$name" >"$log" 2>&1
+  QT_QPA_PLATFORM=offscreen LSAN_OPTIONS=suppressions=$here/lsan.supp \
+    "$fuzz/fuzz_$name" "${options[@]}" "$corpus" "$fuzz/seeds/$name" >"$log" 2>&1
   status=$?
-  runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$')
+  runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$' | head -1)
   echo "fuzz_$name: $((SECONDS - started)) s, ${runs:-?} executions, corpus $(ls "$corpus" | wc -l) inputs, exit $status"
   if [ $status -ne 0 ]; then
     failed+=("$name")
