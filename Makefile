@@ -6,7 +6,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all run test test-asan bench package clean
+.PHONY: all run test test-asan fuzz bench package clean
 
 all: run
 
@@ -24,11 +24,25 @@ test:
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 	./scripts/desktop-session.sh ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS) $(CTEST_ARGS)
 
+# Unit, gui and desktop tests under AddressSanitizer and UndefinedBehaviorSanitizer. Reports go to files, so
+# that one from a process a test starts (whose output the test may not show) fails the run too.
 test-asan:
 	./scripts/install-deps.sh build run test
 	cmake --preset asan
 	cmake --build build-asan -j $(JOBS)
-	./scripts/desktop-session.sh ctest --preset asan -j $(JOBS)
+	rm -rf build-asan/sanitizer-reports && mkdir -p build-asan/sanitizer-reports
+	./scripts/desktop-session.sh ctest --preset asan -j $(JOBS) $(CTEST_ARGS); status=$$?; \
+	if [ -n "$$(ls build-asan/sanitizer-reports)" ]; then \
+	  cat build-asan/sanitizer-reports/*; echo "test-asan: sanitizer reports above" >&2; exit 1; fi; \
+	exit $$status
+
+# Every fuzz target for FUZZ_SECONDS each, one after the other; corpora stay in build-fuzz/tests/fuzz/corpus.
+FUZZ_SECONDS ?= 60
+fuzz:
+	./scripts/install-deps.sh build fuzz
+	cmake --preset fuzz
+	cmake --build --preset fuzz -j $(JOBS)
+	./tests/fuzz/run-fuzzers.sh build-fuzz $(FUZZ_SECONDS)
 
 # The Debian package, velnora_<version>_<architecture>.deb in the build folder. Its time stamps are the
 # last commit's, so two runs on one commit give the same file.
@@ -47,4 +61,4 @@ bench:
 	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && ./scripts/desktop-session.sh "$$b"; done; true
 
 clean:
-	rm -rf $(BUILD_DIR) build-asan
+	rm -rf $(BUILD_DIR) build-asan build-fuzz

@@ -27,6 +27,8 @@ test_packages=(
   openssl
   lintian desktop-file-utils appstream man-db
 )
+# Only `make fuzz`: clang with libFuzzer and the sanitizer runtimes.
+fuzz_packages=(clang libclang-rt-14-dev)
 
 groups=("$@")
 [ ${#groups[@]} -gt 0 ] || groups=(build run test)
@@ -36,7 +38,8 @@ for group in "${groups[@]}"; do
     build) wanted+=("${build_packages[@]}") ;;
     run) wanted+=("${run_packages[@]}") ;;
     test) wanted+=("${test_packages[@]}") ;;
-    *) echo "usage: $0 [build] [run] [test]" >&2; exit 2 ;;
+    fuzz) wanted+=("${fuzz_packages[@]}") ;;
+    *) echo "usage: $0 [build] [run] [test] [fuzz]" >&2; exit 2 ;;
   esac
 done
 

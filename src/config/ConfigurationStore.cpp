@@ -42,6 +42,10 @@ ConfigurationStore::~ConfigurationStore() = default;
 QString ConfigurationStore::readString(const char* key) const
 {
     const QVariant value = m_settings->value(QLatin1String(key));
+    // An unquoted comma in a hand-edited value makes the file format read a list; the text was meant.
+    if (value.typeId() == QMetaType::QStringList) {
+        return value.toStringList().join(QStringLiteral(", "));
+    }
     return value.canConvert<QString>() ? value.toString() : QString();
 }
 
@@ -101,10 +105,10 @@ void ConfigurationStore::setExplanationDepth(ExplanationDepth depth)
 
 QString ConfigurationStore::systemPrompt() const
 {
-    if (!m_settings->contains(QLatin1String(Keys::systemPrompt))) {
-        return PromptLibrary::defaultSystemPrompt();
-    }
-    return readString(Keys::systemPrompt);
+    // Saving never stores an empty prompt; an empty or unreadable one left by a hand edit would drop
+    // every instruction, so it reads as the default like a missing one.
+    const QString stored = readString(Keys::systemPrompt);
+    return stored.trimmed().isEmpty() ? PromptLibrary::defaultSystemPrompt() : stored;
 }
 
 void ConfigurationStore::setSystemPrompt(const QString& prompt)

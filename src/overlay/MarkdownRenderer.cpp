@@ -127,25 +127,35 @@ QTextCharFormat charStyle(const QFont& font, const QColor& colour)
     return format;
 }
 
-// Searches for closing tokens; once a token is known to be absent after some index it is absent after
-// every later one, which keeps unclosed markers from making a line quadratic.
+// Searches for closing tokens. Once a token is known to be absent after some index it is absent after
+// every later one, and the last hit stays the next one for every later start up to it; so a line of many
+// openers before one far closer ("[[[[...](") scans that line once, not once per opener.
 class TokenSearch
 {
 public:
     enum Token { backtick, doubleStar, doubleUnderscore, doubleTilde, star, linkMiddle, closeParen, count };
 
-    explicit TokenSearch(QStringView text) : m_text(text) { m_absentFrom.fill(text.size() + 1); }
+    explicit TokenSearch(QStringView text) : m_text(text)
+    {
+        m_absentFrom.fill(text.size() + 1);
+        m_foundAt.fill(-1);
+    }
 
     std::optional<qsizetype> find(Token token, qsizetype from)
     {
         if (from >= m_absentFrom[token]) {
             return std::nullopt;
         }
+        if (from >= m_searchedFrom[token] && from <= m_foundAt[token]) {
+            return m_foundAt[token];
+        }
         const qsizetype found = m_text.indexOf(spelling(token), from);
         if (found < 0) {
             m_absentFrom[token] = from;
             return std::nullopt;
         }
+        m_searchedFrom[token] = from;
+        m_foundAt[token] = found;
         return found;
     }
 
@@ -159,6 +169,8 @@ private:
 
     QStringView m_text;
     std::array<qsizetype, count> m_absentFrom{};
+    std::array<qsizetype, count> m_searchedFrom{};
+    std::array<qsizetype, count> m_foundAt{};
 };
 
 class Writer

@@ -66,9 +66,16 @@ std::map<QString, Asset> decodeLinuxAssets(const QJsonValue& value)
     return assets;
 }
 
+// Only ASCII digits make numbers: other scripts' digits taken as numbers too would break the order's
+// transitivity ("a" < "١" < "10" < "a").
+bool isAsciiDigit(QChar c)
+{
+    return c >= u'0' && c <= u'9';
+}
+
 qsizetype digitRunEnd(const QString& text, qsizetype from)
 {
-    while (from < text.size() && text.at(from).isDigit()) {
+    while (from < text.size() && isAsciiDigit(text.at(from))) {
         ++from;
     }
     return from;
@@ -167,7 +174,7 @@ int compareVersions(const QString& a, const QString& b)
     qsizetype i = 0;
     qsizetype j = 0;
     while (i < a.size() && j < b.size()) {
-        if (a.at(i).isDigit() && b.at(j).isDigit()) {
+        if (isAsciiDigit(a.at(i)) && isAsciiDigit(b.at(j))) {
             const qsizetype endA = digitRunEnd(a, i);
             const qsizetype endB = digitRunEnd(b, j);
             // Compared as digit strings, so a run longer than any integer type still orders correctly.

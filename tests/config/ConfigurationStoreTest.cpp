@@ -4,6 +4,7 @@
 #include "config/PromptLibrary.h"
 #include "support/TestEnvironment.h"
 
+#include <QFile>
 #include <QProcess>
 #include <QSettings>
 #include <QSignalSpy>
@@ -130,5 +131,28 @@ TEST_F(ConfigurationStoreTest, ResolutionRefusesForeignAddressesAndFailsInOrder)
         } catch (const ConfigurationError& error) {
             EXPECT_EQ(error.kind(), c.expected) << c.baseURL << " " << c.model;
         }
+    }
+}
+
+// Found by fuzzing: an unquoted comma in a hand-edited prompt made it read as a list, and a list or any
+// value that is no text read as an empty prompt, which drops every instruction.
+TEST_F(ConfigurationStoreTest, HandEditedPromptsReadAsWrittenOrAsTheDefault)
+{
+    const QString fallback = PromptLibrary::defaultSystemPrompt();
+    const std::pair<const char*, QString> cases[] = {
+        {"systemPromptV2=请解释, 要简短", "请解释, 要简短"},
+        {"systemPromptV2=\"请解释, 要简短\"", "请解释, 要简短"},
+        {"systemPromptV2=@Variant(\\0\\0\\0\\x7f\\0\\0\\0\\x6QFrobs\\0)", fallback},
+        {"systemPromptV2=", fallback},
+        {"systemPromptV2=\"   \"", fallback},
+    };
+    int n = 0;
+    for (const auto& [line, expected] : cases) {
+        const QString file = home.filePath(QStringLiteral("hand-edited-%1.conf").arg(++n));
+        QFile written(file);
+        ASSERT_TRUE(written.open(QIODevice::WriteOnly));
+        written.write(QByteArray("[General]\n") + line + "\n");
+        written.close();
+        EXPECT_EQ(ConfigurationStore(file).systemPrompt(), expected) << line;
     }
 }

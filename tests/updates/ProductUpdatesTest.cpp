@@ -100,6 +100,10 @@ TEST(ProductReleaseVersions, CompareDigitRunsAsNumbers)
         {"2.11.0.1", "2.11.0", 1},
         {"99999999999999999999999.1", "99999999999999999999998.9", 1},
         {"", "1", -1},
+        // Digits of other scripts are characters, not numbers, so the order stays transitive (fuzzing).
+        {"١", "10", 1},
+        {"a", "١", -1},
+        {"a", "10", 1},
     };
     for (const auto& c : cases) {
         const int result = ProductRelease::compareVersions(c.a, c.b);
