@@ -108,10 +108,12 @@ TEST(ReadmeTest, TheTwoCommandsInstallWhatItSays)
         packages[match.captured(1)] =
             match.captured(2).split(QRegularExpression(QStringLiteral("\\s+")), Qt::SkipEmptyParts);
     }
-    ASSERT_EQ(packages.keys(),
-              QStringList({QStringLiteral("build"), QStringLiteral("run"), QStringLiteral("test")}));
+    for (const char* name : {"build", "run", "test"}) {
+        ASSERT_TRUE(packages.contains(QLatin1String(name))) << name;
+    }
+    EXPECT_FALSE(packages[QStringLiteral("build")].contains(QStringLiteral("clang"))); // make fuzz alone
     for (const char* testOnly :
-         {"chromium", "nodejs", "lintian", "imagemagick", "trayer", "xvfb", "libgtest-dev"}) {
+         {"chromium", "firefox-esr", "nodejs", "lintian", "imagemagick", "trayer", "xvfb", "libgtest-dev"}) {
         EXPECT_FALSE(packages[QStringLiteral("build")].contains(QLatin1String(testOnly))) << testOnly;
         EXPECT_FALSE(packages[QStringLiteral("run")].contains(QLatin1String(testOnly))) << testOnly;
         EXPECT_TRUE(packages[QStringLiteral("test")].contains(QLatin1String(testOnly))) << testOnly;
