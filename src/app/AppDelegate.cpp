@@ -552,6 +552,15 @@ void AppDelegate::openSettings(const QString& message, Tone tone, std::optional<
             selectHotKey(choice.id);
             return m_hotKeyRegistered ? std::nullopt : std::optional(hotKeyTakenMessage(choice));
         };
+        collaborators.holdHotKey = [this](bool recording) {
+            if (recording) {
+                m_hotKey->release();
+            } else {
+                // Taken back quietly: nothing changed for the user.
+                const HotKeyChoice saved = HotKeyChoice::fromID(m_configuration->globalHotKeyID());
+                m_hotKeyRegistered = m_hotKey->registerChoice(saved, [this] { explainCurrentSelection(); });
+            }
+        };
         collaborators.hotKeyProblem = [this]() -> std::optional<QString> {
             if (m_hotKeyRegistered) {
                 return std::nullopt;

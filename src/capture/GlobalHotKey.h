@@ -24,7 +24,8 @@ public:
     bool registerChoice(const HotKeyChoice& choice, std::function<void()> action);
     // The combination last asked for is not held: another application has it, or none can be grabbed.
     bool hasConflict() const { return m_conflict; }
-    // Gives up the combination (at quit), so the key works elsewhere at once.
+    // Gives up the combination (at quit, or while a new one is recorded), so the key works elsewhere
+    // at once.
     void release();
 
 Q_SIGNALS:

@@ -191,6 +191,23 @@ TEST_F(DesktopSessionTest, ACustomHotKeyIsRecordedAndRegisteredAndATakenOneRefus
     delegate->openSettings();
     EXPECT_EQ(delegate->settingsWindow()->generalPage()->hotKeySection()->resultLine()->text(),
               "快捷键 Ctrl+Alt+T 已被其他应用占用，请在菜单栏中更换。");
+
+    // While the recorder listens the live key is given up, so pressing it reaches the recorder; a
+    // window closed without a new choice takes it back.
+    const HotKeyChoice live = HotKeyChoice::fromID("custom:Ctrl+Shift+K");
+    section = delegate->settingsWindow()->generalPage()->hotKeySection();
+    section->record(live.modifiers | live.key);
+    ASSERT_TRUE(delegate->isHotKeyRegistered());
+    section->choiceBox()->setCurrentIndex(section->choiceBox()->findData("custom"));
+    Q_EMIT section->choiceBox()->activated(section->choiceBox()->currentIndex());
+    {
+        GlobalHotKey probe;
+        EXPECT_TRUE(probe.registerChoice(live, [] {}));
+    }
+    delegate->settingsWindow()->close();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_TRUE(delegate->isHotKeyRegistered());
+    EXPECT_FALSE(GlobalHotKey().registerChoice(live, [] {}));
     delegate->selectHotKey(HotKeyChoice::all().front().id);
 }
 

@@ -58,7 +58,7 @@ GeneralSettingsPage::GeneralSettingsPage(Services services, QWidget* parent)
     form->addRow(labelFor(QStringLiteral("解释深度(&D)"), m_depth, this), m_depth);
     form->addRow(QString(), m_depthHint);
 
-    m_hotKey = new HotKeySection(m_services.applyHotKey, this);
+    m_hotKey = new HotKeySection(m_services.applyHotKey, m_services.holdHotKey, this);
 
     auto* startup = new QGroupBox(QStringLiteral("启动与关于"), this);
     m_launchAtLogin = new QCheckBox(QStringLiteral("登录时启动(&L)"), startup);

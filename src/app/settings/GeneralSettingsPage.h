@@ -30,6 +30,7 @@ public:
         RequestStore requestStore;
         std::function<bool(const QUrl&)> openURL;
         HotKeySection::Apply applyHotKey;
+        HotKeySection::Hold holdHotKey;
         // Why the saved hot key is not registered now, or none.
         std::function<std::optional<QString>()> hotKeyProblem;
         // The program the autostart entry starts.

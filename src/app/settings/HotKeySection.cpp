@@ -18,8 +18,8 @@ constexpr Qt::KeyboardModifiers anchorModifiers = Qt::ControlModifier | Qt::AltM
 
 } // namespace
 
-HotKeySection::HotKeySection(Apply apply, QWidget* parent)
-    : QGroupBox(QStringLiteral("全局快捷键"), parent), m_apply(std::move(apply)),
+HotKeySection::HotKeySection(Apply apply, Hold hold, QWidget* parent)
+    : QGroupBox(QStringLiteral("全局快捷键"), parent), m_apply(std::move(apply)), m_hold(std::move(hold)),
       m_current(HotKeyChoice::all().front())
 {
     m_choices = new QComboBox(this);
@@ -59,6 +59,19 @@ HotKeySection::HotKeySection(Apply apply, QWidget* parent)
     });
 }
 
+HotKeySection::~HotKeySection()
+{
+    endHold();
+}
+
+void HotKeySection::endHold()
+{
+    if (m_holding) {
+        m_holding = false;
+        m_hold(false);
+    }
+}
+
 void HotKeySection::load(const HotKeyChoice& current, bool registered, const QString& conflict)
 {
     showCurrent(current);
@@ -84,6 +97,7 @@ void HotKeySection::showCurrent(const HotKeyChoice& current)
     m_choices->setCurrentIndex(m_choices->findData(current.id));
     m_recorderHint->hide();
     m_recorder->hide();
+    endHold();
 }
 
 bool HotKeySection::isRecording() const
@@ -95,6 +109,10 @@ void HotKeySection::choose(int index)
 {
     const QString id = m_choices->itemData(index).toString();
     if (id == customData) {
+        if (!m_holding && m_hold) {
+            m_holding = true;
+            m_hold(true);
+        }
         m_recorder->clear();
         m_recorderHint->show();
         m_recorder->show();
@@ -123,6 +141,7 @@ void HotKeySection::record(const QKeyCombination& combination)
 
 void HotKeySection::apply(const HotKeyChoice& choice)
 {
+    m_holding = false; // applying registers the new key, which ends the hold by itself
     const std::optional<QString> failure = m_apply ? m_apply(choice) : std::nullopt;
     showCurrent(choice);
     if (failure) {

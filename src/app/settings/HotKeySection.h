@@ -23,7 +23,12 @@ public:
     // Registers and stores the choice; the sentence to show when it could not be registered.
     using Apply = std::function<std::optional<QString>(const HotKeyChoice&)>;
 
-    HotKeySection(Apply apply, QWidget* parent = nullptr);
+    // Gives the live key up (true) while the recorder listens, so that pressing it reaches the
+    // recorder instead of starting an explanation, and takes it back (false) when nothing was chosen.
+    using Hold = std::function<void(bool)>;
+
+    HotKeySection(Apply apply, Hold hold = {}, QWidget* parent = nullptr);
+    ~HotKeySection() override;
 
     // Shows the saved choice, and a conflict when it is not registered now.
     void load(const HotKeyChoice& current, bool registered, const QString& conflict);
@@ -41,8 +46,11 @@ private:
     void choose(int index);
     void apply(const HotKeyChoice& choice);
     void showCurrent(const HotKeyChoice& current);
+    void endHold();
 
     Apply m_apply;
+    Hold m_hold;
+    bool m_holding = false;
     QComboBox* m_choices;
     QLabel* m_recorderHint;
     QKeySequenceEdit* m_recorder;

@@ -42,11 +42,11 @@ SettingsWindow::SettingsWindow(Collaborators collaborators, QWidget* parent)
     m_banner = new ResultLine(this, 1, true);
     m_banner->hide();
 
-    m_general = new GeneralSettingsPage({m_collaborators.configuration,
-                                         m_collaborators.requestStore.value_or(RequestStore()),
-                                         m_collaborators.openURL, m_collaborators.applyHotKey,
-                                         m_collaborators.hotKeyProblem, m_collaborators.executablePath},
-                                        this);
+    m_general = new GeneralSettingsPage(
+        {m_collaborators.configuration, m_collaborators.requestStore.value_or(RequestStore()),
+         m_collaborators.openURL, m_collaborators.applyHotKey, m_collaborators.holdHotKey,
+         m_collaborators.hotKeyProblem, m_collaborators.executablePath},
+        this);
     m_api = new ApiSettingsPage(m_collaborators.configuration, m_collaborators.keychain,
                                 m_collaborators.addressPolicy, this);
     m_pages = {m_general, m_api};

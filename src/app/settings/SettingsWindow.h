@@ -36,6 +36,7 @@ public:
         // Opens a folder in the file manager.
         std::function<bool(const QUrl&)> openURL;
         HotKeySection::Apply applyHotKey;
+        HotKeySection::Hold holdHotKey;
         std::function<std::optional<QString>()> hotKeyProblem;
         QString executablePath;
 
