@@ -4,8 +4,10 @@
 #include "config/ConfigurationError.h"
 #include "config/PromptLibrary.h"
 
+#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSaveFile>
 #include <QSettings>
 #include <QStandardPaths>
 #include <QUrl>
@@ -23,6 +25,35 @@ QByteArray encodeOverrides(const QMap<QString, ProviderOverride>& overrides)
     return QJsonDocument(root).toJson(QJsonDocument::Compact);
 }
 
+// Qt's reader of "@Variant(...)" values trusts the sizes written inside them, so one hand-edited line
+// could make every start allocate gigabytes and die. This store never writes such values: lines that
+// carry one are moved to "<file>.unreadable" (kept for the user) before the file is read.
+const QString& withoutUnsafeValues(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return path;
+    }
+    const QByteArray contents = file.readAll();
+    file.close();
+    static const QByteArray marker = QByteArrayLiteral("@Variant(");
+    if (!contents.contains(marker)) {
+        return path;
+    }
+    QByteArray kept;
+    QByteArray setAside;
+    for (const QByteArray& line : contents.split('\n')) {
+        (line.contains(marker) ? setAside : kept).append(line).append('\n');
+    }
+    QFile aside(path + QStringLiteral(".unreadable"));
+    QSaveFile cleaned(path);
+    if (aside.open(QIODevice::Append) && aside.write(setAside) == setAside.size() && aside.flush() &&
+        cleaned.open(QIODevice::WriteOnly) && cleaned.write(kept.chopped(1)) == kept.size() - 1) {
+        cleaned.commit();
+    }
+    return path;
+}
+
 } // namespace
 
 QString ConfigurationStore::defaultSettingsPath()
@@ -34,7 +65,8 @@ QString ConfigurationStore::defaultSettingsPath()
 ConfigurationStore::ConfigurationStore(QObject* parent) : ConfigurationStore(defaultSettingsPath(), parent) {}
 
 ConfigurationStore::ConfigurationStore(const QString& settingsPath, QObject* parent)
-    : QObject(parent), m_settings(std::make_unique<QSettings>(settingsPath, QSettings::IniFormat))
+    : QObject(parent),
+      m_settings(std::make_unique<QSettings>(withoutUnsafeValues(settingsPath), QSettings::IniFormat))
 {}
 
 ConfigurationStore::~ConfigurationStore() = default;

@@ -156,3 +156,24 @@ TEST_F(ConfigurationStoreTest, HandEditedPromptsReadAsWrittenOrAsTheDefault)
         EXPECT_EQ(ConfigurationStore(file).systemPrompt(), expected) << line;
     }
 }
+
+// A hand-edited "@Variant(...)" value can make Qt's reader allocate gigabytes or crash; such lines are
+// set aside, kept for the user, and the rest of the file still counts.
+TEST_F(ConfigurationStoreTest, UnreadableValuesAreSetAsideAndTheRestIsRead)
+{
+    const QByteArray unsafe[] = {
+        "executionModeV2=@Variant(\\0\\0\\0\\n\\0\\0\\0\\0\\x6\\0\\x61\\0p\\0i)",
+        "didShowVersion2Setup=@Variant(\\0\\0\\0\\[General]x1\\x1)",
+    };
+    QFile written(path);
+    ASSERT_TRUE(written.open(QIODevice::WriteOnly));
+    written.write("[General]\n" + unsafe[0] + "\nbrowserProviderV2=kimi\n" + unsafe[1] + "\n");
+    written.close();
+
+    const ConfigurationStore reopened(path);
+    EXPECT_EQ(reopened.browserProvider(), BrowserProvider::kimi);
+    EXPECT_EQ(reopened.executionMode(), ExecutionMode::browser);
+    QFile aside(path + ".unreadable");
+    ASSERT_TRUE(aside.open(QIODevice::ReadOnly));
+    EXPECT_EQ(aside.readAll(), unsafe[0] + "\n" + unsafe[1] + "\n");
+}
