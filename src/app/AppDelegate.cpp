@@ -96,6 +96,15 @@ AppDelegate::AppDelegate(Options options, QObject* parent)
                                              : std::make_unique<ConfigurationStore>())
 {
     m_hotKey = new GlobalHotKey(this);
+    connect(m_hotKey, &GlobalHotKey::triggerReported, this, [this] {
+        m_hotKeyRegistered = true;
+        m_hotKeyFailure.clear();
+    });
+    connect(m_hotKey, &GlobalHotKey::failed, this, [this](const QString& message) {
+        m_hotKeyRegistered = false;
+        m_hotKeyFailure = message;
+        showFeedback(message, 6.0);
+    });
     m_control = new ControlService(this);
     new BrowserProviderSync(*m_configuration, m_requestStore, this);
     m_accessibilityMonitorTimer.setInterval(m_options.accessibilityPollMs);
@@ -204,6 +213,7 @@ void AppDelegate::buildStatusMenu()
     menu->setCurrentMode(m_configuration->executionMode());
     menu->setCurrentHotKey(HotKeyChoice::fromID(m_configuration->globalHotKeyID()).id);
     connect(m_hotKey, &GlobalHotKey::conflictChanged, menu, &StatusMenu::setHotKeyConflict);
+    connect(m_hotKey, &GlobalHotKey::triggerReported, menu, &StatusMenu::setReportedTrigger);
     menu->launchAtLoginItem()->setChecked(LaunchAtLogin::isEnabled());
     menu->setExplainItem(StatusMenu::explainMenuItemTitle(std::nullopt, std::nullopt));
     // The settings window may change the mode.
@@ -239,6 +249,15 @@ QString AppDelegate::hotKeyTakenMessage(const HotKeyChoice& choice)
     return QStringLiteral("快捷键 ") + choice.title + QStringLiteral(" 已被其他应用占用，请在菜单栏中更换。");
 }
 
+QString AppDelegate::hotKeyProblemMessage(const HotKeyChoice& choice) const
+{
+    if (!m_hotKeyFailure.isEmpty()) {
+        return m_hotKeyFailure;
+    }
+    const QString unavailable = m_hotKey->unavailableMessage();
+    return unavailable.isEmpty() ? hotKeyTakenMessage(choice) : unavailable;
+}
+
 void AppDelegate::trackActiveApplication()
 {
     m_activeApplications = CapturePlatform::createActiveApplicationTracker();
@@ -265,7 +284,7 @@ void AppDelegate::registerHotKey()
     const HotKeyChoice choice = HotKeyChoice::fromID(m_configuration->globalHotKeyID());
     m_hotKeyRegistered = m_hotKey->registerChoice(choice, [this] { explainCurrentSelection(); });
     if (!m_hotKeyRegistered) {
-        showFeedback(hotKeyTakenMessage(choice), 4.0);
+        showFeedback(hotKeyProblemMessage(choice), 4.0);
     }
 }
 
@@ -481,7 +500,7 @@ void AppDelegate::selectHotKey(const QString& choiceID)
     m_statusMenu->setCurrentHotKey(choice.id);
     m_hotKeyRegistered = m_hotKey->registerChoice(choice, [this] { explainCurrentSelection(); });
     showFeedback(m_hotKeyRegistered ? QStringLiteral("全局快捷键：") + choice.title
-                                    : hotKeyTakenMessage(choice),
+                                    : hotKeyProblemMessage(choice),
                  m_hotKeyRegistered ? 1.8 : 4.0);
 }
 
@@ -549,13 +568,13 @@ void AppDelegate::openSettings(const QString& message, Tone tone, std::optional<
         collaborators.requestStore = m_requestStore;
         collaborators.applyHotKey = [this](const HotKeyChoice& choice) -> std::optional<QString> {
             selectHotKey(choice.id);
-            return m_hotKeyRegistered ? std::nullopt : std::optional(hotKeyTakenMessage(choice));
+            return m_hotKeyRegistered ? std::nullopt : std::optional(hotKeyProblemMessage(choice));
         };
         collaborators.hotKeyProblem = [this]() -> std::optional<QString> {
             if (m_hotKeyRegistered) {
                 return std::nullopt;
             }
-            return hotKeyTakenMessage(HotKeyChoice::fromID(m_configuration->globalHotKeyID()));
+            return hotKeyProblemMessage(HotKeyChoice::fromID(m_configuration->globalHotKeyID()));
         };
         m_settingsController = new SettingsWindow(std::move(collaborators));
         connect(m_settingsController, &SettingsWindow::aboutRequested, this, &AppDelegate::showAbout);

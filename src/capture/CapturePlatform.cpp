@@ -1,5 +1,6 @@
 #include "capture/CapturePlatform.h"
 
+#include "capture/portal/PortalHotKeyBackend.h"
 #include "capture/x11/X11CapturePlatform.h"
 
 #include <QByteArray>
@@ -27,8 +28,20 @@ CapturePlatform CapturePlatform::create()
     return {};
 }
 
+bool CapturePlatform::isWaylandSession()
+{
+    return !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") || qgetenv("XDG_SESSION_TYPE") == "wayland";
+}
+
 std::unique_ptr<HotKeyBackend> CapturePlatform::createHotKeyBackend()
 {
+    if (qgetenv("VELNORA_HOTKEY_BACKEND") == "portal" ||
+        (currentBackend() != Backend::none && isWaylandSession())) {
+        if (PortalHotKeyBackend::isAvailable()) {
+            return std::make_unique<PortalHotKeyBackend>();
+        }
+        return nullptr;
+    }
     switch (currentBackend()) {
     case Backend::x11:
         return X11CapturePlatform::createHotKeyBackend();

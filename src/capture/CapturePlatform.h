@@ -23,7 +23,10 @@ struct CapturePlatform
     std::unique_ptr<KeyStrokeInjector> keyboard;
 
     static CapturePlatform create();
+    // On Wayland the desktop's GlobalShortcuts portal, and none without one: an X11 grab through
+    // XWayland fires only while an X11 window has focus. VELNORA_HOTKEY_BACKEND=portal forces the portal.
     static std::unique_ptr<HotKeyBackend> createHotKeyBackend();
+    static bool isWaylandSession();
     static std::unique_ptr<ActiveApplicationTracker> createActiveApplicationTracker();
     // Capture can work in this session: an X display answers (XTest and the selections need no
     // permission there).

@@ -26,9 +26,16 @@ public:
     bool hasConflict() const { return m_conflict; }
     // Gives up the combination (at quit), so the key works elsewhere at once.
     void release();
+    // Why no hot key can exist in this session at all (a Wayland desktop without the shortcuts portal),
+    // as the user should read it; empty where one can.
+    QString unavailableMessage() const;
 
 Q_SIGNALS:
     void conflictChanged(bool conflict);
+    // The key the desktop bound for us (Wayland portal), as it describes it; empty while it names none.
+    void triggerReported(const QString& trigger);
+    // A failure that came after registerChoice() returned; the hot key is gone.
+    void failed(const QString& message);
 
 private:
     void pressed();
