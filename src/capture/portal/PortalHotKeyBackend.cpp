@@ -42,9 +42,10 @@ PortalHotKeyBackend::PortalHotKeyBackend(QDBusConnection bus, std::chrono::milli
     : m_bus(std::move(bus)), m_deadline(deadline)
 {
     PortalShortcut::registerTypes();
-    m_bus.connect(portalService, portalPath, shortcutsInterface, QStringLiteral("Activated"), this,
-                  SLOT(onActivated(QDBusObjectPath, QString, qulonglong, QVariantMap)));
-    m_bus.connect(portalService, portalPath, shortcutsInterface, QStringLiteral("ShortcutsChanged"), this,
+    // Any sender: Plasma 5.27's backend emits these itself rather than through the portal's name.
+    m_bus.connect(QString(), portalPath, shortcutsInterface, QStringLiteral("Activated"), this,
+                  SLOT(onActivated(QDBusMessage)));
+    m_bus.connect(QString(), portalPath, shortcutsInterface, QStringLiteral("ShortcutsChanged"), this,
                   SLOT(onShortcutsChanged(QDBusMessage)));
 }
 
@@ -210,10 +211,11 @@ void PortalHotKeyBackend::fail(const QString& message)
     }
 }
 
-void PortalHotKeyBackend::onActivated(const QDBusObjectPath& session, const QString& id, qulonglong,
-                                      const QVariantMap&)
+void PortalHotKeyBackend::onActivated(const QDBusMessage& message)
 {
-    if (session.path() == m_session && id == shortcutID && m_onPressed) {
+    const QList<QVariant> arguments = message.arguments();
+    if (arguments.size() >= 2 && arguments.at(0).value<QDBusObjectPath>().path() == m_session &&
+        arguments.at(1).toString() == shortcutID && m_onPressed) {
         m_onPressed();
     }
 }

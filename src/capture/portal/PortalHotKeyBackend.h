@@ -36,8 +36,7 @@ public:
                  std::function<void(const QString&)> failed) override;
 
 private Q_SLOTS:
-    void onActivated(const QDBusObjectPath& session, const QString& id, qulonglong timestamp,
-                     const QVariantMap& options);
+    void onActivated(const QDBusMessage& message);
     void onShortcutsChanged(const QDBusMessage& message);
 
 private:
