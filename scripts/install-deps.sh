@@ -24,6 +24,7 @@ test_packages=(
   python3-gi gir1.2-gtk-3.0 tk xterm mate-settings-daemon
   chromium nodejs npm
   kwin-wayland xwayland xdg-desktop-portal xdg-desktop-portal-kde qtwayland5
+  gnome-settings-daemon-common
   openssl
   lintian desktop-file-utils appstream man-db
 )
