@@ -309,6 +309,7 @@ ExplanationCoordinator* AppDelegate::explanationCoordinator()
     if (!m_explanationCoordinator) {
         m_client = std::make_unique<LLMClient>();
         m_overlay = std::make_unique<OverlayPanelController>();
+        m_overlay->setFixedPlacement(CapturePlatform::isWaylandSession());
         m_explanationCoordinator =
             new ExplanationCoordinator(*m_configuration, m_keychain, *m_client, *m_overlay);
         connect(m_explanationCoordinator, &ExplanationCoordinator::fixConfigurationRequested, this,
