@@ -20,8 +20,11 @@ CapturePlatform::Backend CapturePlatform::currentBackend()
 CapturePlatform CapturePlatform::create()
 {
     switch (currentBackend()) {
-    case Backend::x11:
-        return X11CapturePlatform::create();
+    case Backend::x11: {
+        CapturePlatform platform = X11CapturePlatform::create();
+        platform.extentsAreScreenCoordinates = !isWaylandSession();
+        return platform;
+    }
     case Backend::none:
         break;
     }

@@ -21,6 +21,9 @@ struct CapturePlatform
     std::unique_ptr<AccessibilityProbe> accessibility;
     std::unique_ptr<ClipboardAccess> clipboard;
     std::unique_ptr<KeyStrokeInjector> keyboard;
+    // On Wayland the accessibility layer's "screen" extents are relative to the window, so the card
+    // cannot go beside the selection.
+    bool extentsAreScreenCoordinates = true;
 
     static CapturePlatform create();
     // On Wayland the desktop's GlobalShortcuts portal, and none without one: an X11 grab through
