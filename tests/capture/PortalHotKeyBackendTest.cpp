@@ -1,5 +1,6 @@
 #include "capture/portal/PortalHotKeyBackend.h"
 
+#include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMetaType>
 #include <QDBusVirtualObject>
@@ -15,6 +16,9 @@ using namespace std::chrono_literals;
 
 const QString desktopPath = QStringLiteral("/org/freedesktop/portal/desktop");
 const QString shortcutsInterface = QStringLiteral("org.freedesktop.portal.GlobalShortcuts");
+// Not the desktop's name: a real portal may be running or started on this bus.
+const QString scriptedService =
+    QStringLiteral("org.velnora.test.ScriptedPortal%1").arg(QCoreApplication::applicationPid());
 
 // A portal on its own bus connection that misbehaves on demand: the faults a real desktop portal
 // cannot be made to show (silence, refusal) and the signals a desktop sends when the user acts.
@@ -28,11 +32,11 @@ public:
           m_bus(QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("scripted-portal")))
     {
         m_bus.registerVirtualObject(desktopPath, this);
-        m_bus.registerService(QStringLiteral("org.freedesktop.portal.Desktop"));
+        m_bus.registerService(scriptedService);
     }
     ~ScriptedPortal() override
     {
-        m_bus.unregisterService(QStringLiteral("org.freedesktop.portal.Desktop"));
+        m_bus.unregisterService(scriptedService);
         m_bus.unregisterObject(desktopPath);
         QDBusConnection::disconnectFromBus(QStringLiteral("scripted-portal"));
     }
@@ -114,7 +118,8 @@ protected:
     // Starts a backend against `portal` and collects what it reports.
     std::unique_ptr<PortalHotKeyBackend> start(std::chrono::milliseconds deadline = 400ms)
     {
-        auto backend = std::make_unique<PortalHotKeyBackend>(QDBusConnection::sessionBus(), deadline);
+        auto backend =
+            std::make_unique<PortalHotKeyBackend>(QDBusConnection::sessionBus(), deadline, scriptedService);
         backend->observe([this](const QString& trigger) { triggers << trigger; },
                          [this](const QString& message) { failures << message; });
         backend->grab(Qt::ControlModifier | Qt::AltModifier, Qt::Key_E, [this] { ++presses; });

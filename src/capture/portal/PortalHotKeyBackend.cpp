@@ -12,7 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const QString portalService = QStringLiteral("org.freedesktop.portal.Desktop");
 const QString portalPath = QStringLiteral("/org/freedesktop/portal/desktop");
 const QString shortcutsInterface = QStringLiteral("org.freedesktop.portal.GlobalShortcuts");
 // Fixed, so a restart finds the shortcuts the desktop already knows for us.
@@ -38,8 +37,9 @@ QString failureMessage(const PortalRequest::Outcome& outcome)
 
 } // namespace
 
-PortalHotKeyBackend::PortalHotKeyBackend(QDBusConnection bus, std::chrono::milliseconds deadline)
-    : m_bus(std::move(bus)), m_deadline(deadline)
+PortalHotKeyBackend::PortalHotKeyBackend(QDBusConnection bus, std::chrono::milliseconds deadline,
+                                         QString service)
+    : m_bus(std::move(bus)), m_service(std::move(service)), m_deadline(deadline)
 {
     PortalShortcut::registerTypes();
     // Any sender: Plasma 5.27's backend emits these itself rather than through the portal's name.
@@ -52,9 +52,8 @@ PortalHotKeyBackend::PortalHotKeyBackend(QDBusConnection bus, std::chrono::milli
 PortalHotKeyBackend::~PortalHotKeyBackend()
 {
     if (!m_session.isEmpty()) {
-        QDBusMessage close = QDBusMessage::createMethodCall(portalService, m_session,
-                                                            QStringLiteral("org.freedesktop.portal.Session"),
-                                                            QStringLiteral("Close"));
+        QDBusMessage close = QDBusMessage::createMethodCall(
+            m_service, m_session, QStringLiteral("org.freedesktop.portal.Session"), QStringLiteral("Close"));
         m_bus.call(close, QDBus::NoBlock);
     }
 }
@@ -97,7 +96,7 @@ bool PortalHotKeyBackend::grab(Qt::KeyboardModifiers modifiers, Qt::Key key, std
         // Newer portals refuse an unsandboxed caller without an application id; older ones lack the
         // registry, and its error is expected there.
         QDBusMessage registration = QDBusMessage::createMethodCall(
-            portalService, portalPath, QStringLiteral("org.freedesktop.host.portal.Registry"),
+            m_service, portalPath, QStringLiteral("org.freedesktop.host.portal.Registry"),
             QStringLiteral("Register"));
         registration << applicationID << QVariantMap();
         auto* watcher =
@@ -124,8 +123,7 @@ void PortalHotKeyBackend::observe(std::function<void(const QString&)> triggerCha
 
 QDBusMessage PortalHotKeyBackend::portalCall(const QString& method, const QList<QVariant>& arguments) const
 {
-    QDBusMessage message =
-        QDBusMessage::createMethodCall(portalService, portalPath, shortcutsInterface, method);
+    QDBusMessage message = QDBusMessage::createMethodCall(m_service, portalPath, shortcutsInterface, method);
     message.setArguments(arguments);
     return message;
 }

@@ -21,8 +21,12 @@ public:
     static inline const QString shortcutID = QStringLiteral("explain-selection");
     static inline const QString applicationID = QStringLiteral("com.tarnwick.velnora.domestic");
 
+    static inline const QString portalService = QStringLiteral("org.freedesktop.portal.Desktop");
+
+    // `service` is the portal's bus name; tests give one of their own.
     explicit PortalHotKeyBackend(QDBusConnection bus = QDBusConnection::sessionBus(),
-                                 std::chrono::milliseconds deadline = std::chrono::seconds(10));
+                                 std::chrono::milliseconds deadline = std::chrono::seconds(10),
+                                 QString service = portalService);
     ~PortalHotKeyBackend() override;
 
     // Whether a portal on the bus offers GlobalShortcuts (one bounded property read).
@@ -49,6 +53,7 @@ private:
     void fail(const QString& message);
 
     QDBusConnection m_bus;
+    QString m_service;
     std::chrono::milliseconds m_deadline;
     QString m_preferredTrigger;
     QString m_session;

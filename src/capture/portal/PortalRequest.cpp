@@ -8,8 +8,6 @@ namespace velnora {
 
 namespace {
 
-const QString portalService = QStringLiteral("org.freedesktop.portal.Desktop");
-
 QString freshToken()
 {
     return QStringLiteral("velnora%1").arg(QRandomGenerator::global()->generate());
@@ -35,7 +33,8 @@ void PortalRequest::send(QDBusConnection bus, QDBusMessage message, std::chrono:
     auto* request = new PortalRequest(bus, context, std::move(done));
     const QString token = freshToken();
     request->m_path = requestPath(bus, token);
-    bus.connect(portalService, request->m_path, QStringLiteral("org.freedesktop.portal.Request"),
+    request->m_service = message.service();
+    bus.connect(request->m_service, request->m_path, QStringLiteral("org.freedesktop.portal.Request"),
                 QStringLiteral("Response"), request, SLOT(onResponse(uint, QVariantMap)));
 
     QList<QVariant> arguments = message.arguments();
@@ -76,7 +75,7 @@ void PortalRequest::finish(const Outcome& outcome)
         return;
     }
     m_deadline.stop();
-    m_bus.disconnect(portalService, m_path, QStringLiteral("org.freedesktop.portal.Request"),
+    m_bus.disconnect(m_service, m_path, QStringLiteral("org.freedesktop.portal.Request"),
                      QStringLiteral("Response"), this, SLOT(onResponse(uint, QVariantMap)));
     if (m_done) {
         m_done(outcome);

@@ -39,6 +39,7 @@ private:
     void finish(const Outcome& outcome);
 
     QDBusConnection m_bus;
+    QString m_service;
     QString m_path;
     Completion m_done;
     QTimer m_deadline;
