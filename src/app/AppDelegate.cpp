@@ -500,6 +500,10 @@ void AppDelegate::selectHotKey(const QString& choiceID)
     m_configuration->setGlobalHotKeyID(choice.id);
     m_statusMenu->setCurrentHotKey(choice.id);
     m_hotKeyRegistered = m_hotKey->registerChoice(choice, [this] { explainCurrentSelection(); });
+    if (m_hotKeyRegistered && m_hotKey->desktopOwnsKey()) {
+        showFeedback(QStringLiteral("快捷键由桌面管理：请在系统设置的快捷键中更换“解释选中内容”。"), 4.0);
+        return;
+    }
     showFeedback(m_hotKeyRegistered ? QStringLiteral("全局快捷键：") + choice.title
                                     : hotKeyProblemMessage(choice),
                  m_hotKeyRegistered ? 1.8 : 4.0);

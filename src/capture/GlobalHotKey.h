@@ -29,6 +29,8 @@ public:
     // Why no hot key can exist in this session at all (a Wayland desktop without the shortcuts portal),
     // as the user should read it; empty where one can.
     QString unavailableMessage() const;
+    // The desktop decides which key it is (Wayland portal); our choice was only a wish.
+    bool desktopOwnsKey() const { return m_backend && m_backend->desktopOwnsKey(); }
 
 Q_SIGNALS:
     void conflictChanged(bool conflict);

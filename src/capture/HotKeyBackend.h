@@ -17,6 +17,7 @@ public:
     virtual void release() = 0;
     // Backends whose desktop owns the key report later what it is bound to, and failures that arrive
     // after grab() returned; an X11 grab knows its answer at once and reports nothing.
+    virtual bool desktopOwnsKey() const { return false; }
     virtual void observe(std::function<void(const QString& trigger)> triggerChanged,
                          std::function<void(const QString& message)> failed)
     {

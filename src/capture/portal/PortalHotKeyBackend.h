@@ -36,6 +36,7 @@ public:
 
     bool grab(Qt::KeyboardModifiers modifiers, Qt::Key key, std::function<void()> onPressed) override;
     void release() override;
+    bool desktopOwnsKey() const override { return true; }
     void observe(std::function<void(const QString&)> triggerChanged,
                  std::function<void(const QString&)> failed) override;
 
