@@ -45,7 +45,12 @@ public:
 
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
     {
-        if (message.interface() != shortcutsInterface || m_behaviour == Behaviour::neverReplies) {
+        if (m_behaviour == Behaviour::neverReplies) {
+            return true;
+        }
+        // Like portals before 1.19, which have no application registry.
+        if (message.interface() != shortcutsInterface) {
+            connection.send(message.createErrorReply(QDBusError::UnknownInterface, message.interface()));
             return true;
         }
         const auto options = qdbus_cast<QVariantMap>(message.arguments().last());
