@@ -2,7 +2,7 @@
 # install-deps.sh [GROUP...]: installs the Debian packages of the named groups (default: all of them).
 #   build  compiling the app and making its package
 #   run    starting it on a desktop (Qt's X11 plugin, a Chinese font, the secret store, AT-SPI)
-#   test   the private desktop session, the browser, the package checks
+#   test   the private desktop sessions (X11, and KDE Wayland with its portal), the browser, the package checks
 # Idempotent: when everything is present it only checks and returns.
 set -euo pipefail
 
@@ -24,6 +24,8 @@ test_packages=(
   python3-gi gir1.2-gtk-3.0 tk xterm mate-settings-daemon
   chromium nodejs npm
   firefox-esr
+  kwin-wayland xwayland xdg-desktop-portal xdg-desktop-portal-kde qtwayland5
+  gnome-settings-daemon-common
   openssl
   lintian desktop-file-utils appstream man-db
 )

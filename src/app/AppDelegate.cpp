@@ -96,6 +96,15 @@ AppDelegate::AppDelegate(Options options, QObject* parent)
                                              : std::make_unique<ConfigurationStore>())
 {
     m_hotKey = new GlobalHotKey(this);
+    connect(m_hotKey, &GlobalHotKey::triggerReported, this, [this] {
+        m_hotKeyRegistered = true;
+        m_hotKeyFailure.clear();
+    });
+    connect(m_hotKey, &GlobalHotKey::failed, this, [this](const QString& message) {
+        m_hotKeyRegistered = false;
+        m_hotKeyFailure = message;
+        showFeedback(message, 6.0);
+    });
     m_control = new ControlService(this);
     new BrowserProviderSync(*m_configuration, m_requestStore, this);
     m_accessibilityMonitorTimer.setInterval(m_options.accessibilityPollMs);
@@ -204,6 +213,7 @@ void AppDelegate::buildStatusMenu()
     menu->setCurrentMode(m_configuration->executionMode());
     menu->setCurrentHotKey(HotKeyChoice::fromID(m_configuration->globalHotKeyID()).id);
     connect(m_hotKey, &GlobalHotKey::conflictChanged, menu, &StatusMenu::setHotKeyConflict);
+    connect(m_hotKey, &GlobalHotKey::triggerReported, menu, &StatusMenu::setReportedTrigger);
     menu->launchAtLoginItem()->setChecked(LaunchAtLogin::isEnabled());
     menu->setExplainItem(StatusMenu::explainMenuItemTitle(std::nullopt, std::nullopt));
     // The settings window may change the mode.
@@ -239,6 +249,15 @@ QString AppDelegate::hotKeyTakenMessage(const HotKeyChoice& choice)
     return QStringLiteral("快捷键 ") + choice.title + QStringLiteral(" 已被其他应用占用，请在菜单栏中更换。");
 }
 
+QString AppDelegate::hotKeyProblemMessage(const HotKeyChoice& choice) const
+{
+    if (!m_hotKeyFailure.isEmpty()) {
+        return m_hotKeyFailure;
+    }
+    const QString unavailable = m_hotKey->unavailableMessage();
+    return unavailable.isEmpty() ? hotKeyTakenMessage(choice) : unavailable;
+}
+
 void AppDelegate::trackActiveApplication()
 {
     m_activeApplications = CapturePlatform::createActiveApplicationTracker();
@@ -265,7 +284,7 @@ void AppDelegate::registerHotKey()
     const HotKeyChoice choice = HotKeyChoice::fromID(m_configuration->globalHotKeyID());
     m_hotKeyRegistered = m_hotKey->registerChoice(choice, [this] { explainCurrentSelection(); });
     if (!m_hotKeyRegistered) {
-        showFeedback(hotKeyTakenMessage(choice), 4.0);
+        showFeedback(hotKeyProblemMessage(choice), 4.0);
     }
 }
 
@@ -290,6 +309,7 @@ ExplanationCoordinator* AppDelegate::explanationCoordinator()
     if (!m_explanationCoordinator) {
         m_client = std::make_unique<LLMClient>();
         m_overlay = std::make_unique<OverlayPanelController>();
+        m_overlay->setFixedPlacement(CapturePlatform::isWaylandSession());
         m_explanationCoordinator =
             new ExplanationCoordinator(*m_configuration, m_keychain, *m_client, *m_overlay);
         connect(m_explanationCoordinator, &ExplanationCoordinator::fixConfigurationRequested, this,
@@ -481,8 +501,12 @@ void AppDelegate::selectHotKey(const QString& choiceID)
     m_configuration->setGlobalHotKeyID(choice.id);
     m_statusMenu->setCurrentHotKey(choice.id);
     m_hotKeyRegistered = m_hotKey->registerChoice(choice, [this] { explainCurrentSelection(); });
+    if (m_hotKeyRegistered && m_hotKey->desktopOwnsKey()) {
+        showFeedback(QStringLiteral("快捷键由桌面管理：请在系统设置的快捷键中更换“解释选中内容”。"), 4.0);
+        return;
+    }
     showFeedback(m_hotKeyRegistered ? QStringLiteral("全局快捷键：") + choice.title
-                                    : hotKeyTakenMessage(choice),
+                                    : hotKeyProblemMessage(choice),
                  m_hotKeyRegistered ? 1.8 : 4.0);
 }
 
@@ -550,7 +574,7 @@ void AppDelegate::openSettings(const QString& message, Tone tone, std::optional<
         collaborators.requestStore = m_requestStore;
         collaborators.applyHotKey = [this](const HotKeyChoice& choice) -> std::optional<QString> {
             selectHotKey(choice.id);
-            return m_hotKeyRegistered ? std::nullopt : std::optional(hotKeyTakenMessage(choice));
+            return m_hotKeyRegistered ? std::nullopt : std::optional(hotKeyProblemMessage(choice));
         };
         collaborators.holdHotKey = [this](bool recording) {
             if (recording) {
@@ -565,7 +589,7 @@ void AppDelegate::openSettings(const QString& message, Tone tone, std::optional<
             if (m_hotKeyRegistered) {
                 return std::nullopt;
             }
-            return hotKeyTakenMessage(HotKeyChoice::fromID(m_configuration->globalHotKeyID()));
+            return hotKeyProblemMessage(HotKeyChoice::fromID(m_configuration->globalHotKeyID()));
         };
         m_settingsController = new SettingsWindow(std::move(collaborators));
         connect(m_settingsController, &SettingsWindow::aboutRequested, this, &AppDelegate::showAbout);

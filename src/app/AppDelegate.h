@@ -87,6 +87,8 @@ public:
     // The feedback after the second delivery check, for each diagnosis; empty when none is due.
     static QString deliveryFeedback(const BridgeDiagnosis& diagnosis);
     static QString hotKeyTakenMessage(const HotKeyChoice& choice);
+    // Taken, or no hot key at all in this session, or the desktop's portal failed.
+    QString hotKeyProblemMessage(const HotKeyChoice& choice) const;
     static QString translationCheckText();
 
     ConfigurationStore& configuration() { return *m_configuration; }
@@ -153,6 +155,7 @@ private:
     std::function<bool()> m_accessibilityTrusted;
     bool m_trusted = false;
     bool m_hotKeyRegistered = false;
+    QString m_hotKeyFailure;
     bool m_chromeCheckRunning = false;
     int m_chromeSecondsLeft = 0;
 };

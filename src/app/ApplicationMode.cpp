@@ -54,6 +54,10 @@ int run(const ProcessArguments& arguments)
         ModeResult::printErrorLine(reason);
         return 1;
     }
+    // On Wayland the windows stay X11 clients through XWayland: only there can the card be placed.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && !qEnvironmentVariableIsEmpty("DISPLAY")) {
+        qputenv("QT_QPA_PLATFORM", "xcb");
+    }
     QApplication application(arguments.argc(), arguments.argv());
     nameApplication();
     QApplication::setQuitOnLastWindowClosed(false);

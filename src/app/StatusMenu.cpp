@@ -118,8 +118,20 @@ void StatusMenu::setHotKeyConflict(bool conflict)
     showHotKeyState();
 }
 
+void StatusMenu::setReportedTrigger(const QString& trigger)
+{
+    m_reportedTrigger = trigger;
+    showHotKeyState();
+}
+
 void StatusMenu::showHotKeyState()
 {
+    if (m_reportedTrigger) {
+        const QString key = m_reportedTrigger->isEmpty() ? QStringLiteral("未设置按键") : *m_reportedTrigger;
+        m_hotKeyMenu->setTitle(QStringLiteral("全局快捷键（") + key + QStringLiteral("）"));
+        m_hotKeyMenu->setIcon(QIcon());
+        return;
+    }
     const HotKeyChoice current = HotKeyChoice::fromID(m_currentHotKey);
     for (const HotKeyChoice& choice : HotKeyChoice::all()) {
         QAction* item = m_hotKeyItems.value(choice.id);

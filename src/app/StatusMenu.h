@@ -48,6 +48,8 @@ public:
     void setCurrentHotKey(const QString& choiceID);
     // Shown on the chosen combination and the submenu until a registration succeeds.
     void setHotKeyConflict(bool conflict);
+    // The key a Wayland desktop bound for us, as it names it; it replaces the chosen combination's title.
+    void setReportedTrigger(const QString& trigger);
 
     QAction* explainItem() const { return m_explain; }
     QMenu* modeMenu() const { return m_modeMenu; }
@@ -77,6 +79,7 @@ private:
     QAction* m_quit = nullptr;
     QString m_currentHotKey;
     bool m_hotKeyConflict = false;
+    std::optional<QString> m_reportedTrigger;
 
     void showHotKeyState();
 };

@@ -1,5 +1,6 @@
 #include "capture/CapturePlatform.h"
 
+#include "capture/portal/PortalHotKeyBackend.h"
 #include "capture/x11/X11CapturePlatform.h"
 
 #include <QByteArray>
@@ -19,16 +20,31 @@ CapturePlatform::Backend CapturePlatform::currentBackend()
 CapturePlatform CapturePlatform::create()
 {
     switch (currentBackend()) {
-    case Backend::x11:
-        return X11CapturePlatform::create();
+    case Backend::x11: {
+        CapturePlatform platform = X11CapturePlatform::create();
+        platform.extentsAreScreenCoordinates = !isWaylandSession();
+        return platform;
+    }
     case Backend::none:
         break;
     }
     return {};
 }
 
+bool CapturePlatform::isWaylandSession()
+{
+    return !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") || qgetenv("XDG_SESSION_TYPE") == "wayland";
+}
+
 std::unique_ptr<HotKeyBackend> CapturePlatform::createHotKeyBackend()
 {
+    if (qgetenv("VELNORA_HOTKEY_BACKEND") == "portal" ||
+        (currentBackend() != Backend::none && isWaylandSession())) {
+        if (PortalHotKeyBackend::isAvailable()) {
+            return std::make_unique<PortalHotKeyBackend>();
+        }
+        return nullptr;
+    }
     switch (currentBackend()) {
     case Backend::x11:
         return X11CapturePlatform::createHotKeyBackend();

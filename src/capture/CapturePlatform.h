@@ -21,9 +21,15 @@ struct CapturePlatform
     std::unique_ptr<AccessibilityProbe> accessibility;
     std::unique_ptr<ClipboardAccess> clipboard;
     std::unique_ptr<KeyStrokeInjector> keyboard;
+    // On Wayland the accessibility layer's "screen" extents are relative to the window, so the card
+    // cannot go beside the selection.
+    bool extentsAreScreenCoordinates = true;
 
     static CapturePlatform create();
+    // On Wayland the desktop's GlobalShortcuts portal, and none without one: an X11 grab through
+    // XWayland fires only while an X11 window has focus. VELNORA_HOTKEY_BACKEND=portal forces the portal.
     static std::unique_ptr<HotKeyBackend> createHotKeyBackend();
+    static bool isWaylandSession();
     static std::unique_ptr<ActiveApplicationTracker> createActiveApplicationTracker();
     // Capture can work in this session: an X display answers (XTest and the selections need no
     // permission there).

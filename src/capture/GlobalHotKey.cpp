@@ -8,7 +8,22 @@ GlobalHotKey::GlobalHotKey(QObject* parent) : GlobalHotKey(CapturePlatform::crea
 
 GlobalHotKey::GlobalHotKey(std::unique_ptr<HotKeyBackend> backend, QObject* parent)
     : QObject(parent), m_backend(std::move(backend))
-{}
+{
+    if (m_backend) {
+        m_backend->observe([this](const QString& trigger) { Q_EMIT triggerReported(trigger); },
+                           [this](const QString& message) { Q_EMIT failed(message); });
+    }
+}
+
+QString GlobalHotKey::unavailableMessage() const
+{
+    if (m_backend || !CapturePlatform::isWaylandSession()) {
+        return {};
+    }
+    return QStringLiteral(
+        "当前 Wayland 桌面没有提供全局快捷键服务，快捷键无法直接生效。请在设置窗口点“设置系统快捷键”，"
+        "或在系统设置中把命令 velnora --explain-selection 绑定到一个快捷键。");
+}
 
 GlobalHotKey::~GlobalHotKey()
 {

@@ -27,9 +27,18 @@ public:
     // Gives up the combination (at quit, or while a new one is recorded), so the key works elsewhere
     // at once.
     void release();
+    // Why no hot key can exist in this session at all (a Wayland desktop without the shortcuts portal),
+    // as the user should read it; empty where one can.
+    QString unavailableMessage() const;
+    // The desktop decides which key it is (Wayland portal); our choice was only a wish.
+    bool desktopOwnsKey() const { return m_backend && m_backend->desktopOwnsKey(); }
 
 Q_SIGNALS:
     void conflictChanged(bool conflict);
+    // The key the desktop bound for us (Wayland portal), as it describes it; empty while it names none.
+    void triggerReported(const QString& trigger);
+    // A failure that came after registerChoice() returned; the hot key is gone.
+    void failed(const QString& message);
 
 private:
     void pressed();

@@ -2,7 +2,6 @@
 
 #include <QGuiApplication>
 #include <QScreen>
-
 #include <cmath>
 
 namespace velnora::ScreenMapping {
@@ -29,8 +28,8 @@ std::optional<QRectF> logicalRect(const QRectF& deviceRect, const std::vector<Sc
     for (const ScreenArea& screen : screens) {
         const qreal ratio = screen.devicePixelRatio > 0 ? screen.devicePixelRatio : 1.0;
         const QPointF origin = screen.logicalGeometry.topLeft();
-        const QRectF device(origin, QSizeF(screen.logicalGeometry.width() * ratio,
-                                           screen.logicalGeometry.height() * ratio));
+        const QRectF device(
+            origin, QSizeF(screen.logicalGeometry.width() * ratio, screen.logicalGeometry.height() * ratio));
         if (!device.contains(middle)) {
             continue;
         }

@@ -2,7 +2,6 @@
 
 #include <QRect>
 #include <QRectF>
-
 #include <optional>
 #include <vector>
 

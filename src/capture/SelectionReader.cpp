@@ -132,7 +132,8 @@ SelectionReader::readAccessible(Walk walk, std::optional<qint64> process,
         }
         if (auto text = trimmedText(element->selectedText())) {
             std::optional<QRectF> anchor;
-            if (auto deviceRect = element->selectedTextScreenRect()) {
+            if (auto deviceRect = m_platform.extentsAreScreenCoordinates ? element->selectedTextScreenRect()
+                                                                         : std::nullopt) {
                 anchor = ScreenMapping::logicalRect(*deviceRect, ScreenMapping::currentScreens());
             }
             return SelectionResult{*text, anchor};

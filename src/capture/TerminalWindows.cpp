@@ -1,7 +1,6 @@
 #include "capture/TerminalWindows.h"
 
 #include <QList>
-
 #include <array>
 #include <string_view>
 
@@ -10,11 +9,36 @@ namespace velnora::TerminalWindows {
 namespace {
 
 constexpr std::array<std::string_view, 30> terminalNames{
-    "gnome-terminal", "gnome-terminal-server", "org.gnome.terminal", "org.gnome.console", "kgx",
-    "konsole", "org.kde.konsole", "xfce4-terminal", "mate-terminal", "deepin-terminal",
-    "lxterminal", "qterminal", "terminator", "tilix", "com.gexperts.tilix", "alacritty",
-    "kitty", "xterm", "uxterm", "urxvt", "rxvt", "st", "st-256color", "wezterm",
-    "org.wezfurlong.wezterm", "foot", "guake", "yakuake", "tilda", "sakura",
+    "gnome-terminal",
+    "gnome-terminal-server",
+    "org.gnome.terminal",
+    "org.gnome.console",
+    "kgx",
+    "konsole",
+    "org.kde.konsole",
+    "xfce4-terminal",
+    "mate-terminal",
+    "deepin-terminal",
+    "lxterminal",
+    "qterminal",
+    "terminator",
+    "tilix",
+    "com.gexperts.tilix",
+    "alacritty",
+    "kitty",
+    "xterm",
+    "uxterm",
+    "urxvt",
+    "rxvt",
+    "st",
+    "st-256color",
+    "wezterm",
+    "org.wezfurlong.wezterm",
+    "foot",
+    "guake",
+    "yakuake",
+    "tilda",
+    "sakura",
 };
 
 } // namespace

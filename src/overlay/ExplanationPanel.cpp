@@ -96,6 +96,7 @@ void ExplanationPanel::mousePressEvent(QMouseEvent* event)
         return;
     }
     m_dragOffset = event->globalPosition().toPoint() - pos();
+    m_pressPosition = pos();
 }
 
 void ExplanationPanel::mouseMoveEvent(QMouseEvent* event)
@@ -107,6 +108,9 @@ void ExplanationPanel::mouseMoveEvent(QMouseEvent* event)
 
 void ExplanationPanel::mouseReleaseEvent(QMouseEvent*)
 {
+    if (m_dragOffset && pos() != m_pressPosition) {
+        Q_EMIT dragged(bodyGeometry().topLeft());
+    }
     m_dragOffset.reset();
 }
 

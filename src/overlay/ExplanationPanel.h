@@ -5,7 +5,6 @@
 #include <QMargins>
 #include <QPoint>
 #include <QWidget>
-
 #include <optional>
 
 namespace velnora {
@@ -31,6 +30,8 @@ public:
 
 Q_SIGNALS:
     void closed();
+    // The user let go of the card after dragging it; its body's new origin.
+    void dragged(const QPoint& bodyOrigin);
     void applicationPaletteChanged();
 
 protected:
@@ -49,6 +50,7 @@ private:
     QMargins m_shadow;
     SemanticColors m_colours;
     std::optional<QPoint> m_dragOffset;
+    QPoint m_pressPosition;
 };
 
 } // namespace velnora

@@ -45,6 +45,24 @@ QPoint panelOrigin(const QSize& size, const std::optional<QRect>& anchor, const 
     return {x, y};
 }
 
+QPoint fixedPanelOrigin(const QSize& size, const std::optional<QPoint>& dragged,
+                        const std::optional<QRect>& lastBody, const QList<ScreenArea>& screens)
+{
+    const QRect place = dragged ? QRect(*dragged, size) : lastBody.value_or(QRect());
+    const std::optional<ScreenArea> screen = screenFor(place, screens);
+    if (!screen) {
+        return dragged.value_or(QPoint(edgeMargin, edgeMargin));
+    }
+    const QRect& visible = screen->visibleFrame;
+    QPoint origin = dragged.value_or(
+        QPoint(visible.x() + (visible.width() - size.width()) / 2, visible.y() + visible.height() / 6));
+    const int right = visible.x() + visible.width() - size.width() - edgeMargin;
+    const int bottom = visible.y() + visible.height() - size.height() - edgeMargin;
+    origin.setX(std::max(std::min(origin.x(), right), visible.x() + edgeMargin));
+    origin.setY(std::max(std::min(origin.y(), bottom), visible.y() + edgeMargin));
+    return origin;
+}
+
 bool isMenuBarClick(const QPoint& point, const QList<ScreenArea>& screens)
 {
     for (const ScreenArea& screen : screens) {

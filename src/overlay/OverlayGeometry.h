@@ -30,6 +30,11 @@ std::optional<ScreenArea> screenFor(const QRect& rect, const QList<ScreenArea>& 
 // frame; the right and top clamps win on a screen too small for the card.
 QPoint panelOrigin(const QSize& size, const std::optional<QRect>& anchor, const QPoint& mouse,
                    const QList<ScreenArea>& screens);
+// Where the card goes when neither the pointer nor the selection can be known (Wayland): where the user
+// last dragged it, kept inside its screen; else the upper middle of the screen it last stood on (the
+// primary one at first). Never the screen's corner.
+QPoint fixedPanelOrigin(const QSize& size, const std::optional<QPoint>& dragged,
+                        const std::optional<QRect>& lastBody, const QList<ScreenArea>& screens);
 // Whether the point lies in the panel band (the strip between the frame's and the visible frame's top or
 // bottom edge) of the screen containing it, where the tray and its menus live.
 bool isMenuBarClick(const QPoint& point, const QList<ScreenArea>& screens);

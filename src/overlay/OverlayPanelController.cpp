@@ -68,6 +68,8 @@ void OverlayPanelController::buildCard()
 {
     m_panel = new ExplanationPanel;
     connect(m_panel, &ExplanationPanel::closed, this, &OverlayPanelController::panelClosed);
+    connect(m_panel, &ExplanationPanel::dragged, this,
+            [this](const QPoint& origin) { m_draggedOrigin = origin; });
     connect(m_panel, &ExplanationPanel::applicationPaletteChanged, this,
             &OverlayPanelController::applyColors);
 
@@ -503,6 +505,12 @@ QList<ScreenArea> OverlayPanelController::screens() const
 
 void OverlayPanelController::position(const std::optional<QRect>& anchorRect)
 {
+    if (m_fixedPlacement) {
+        m_panel->moveBodyTo(
+            OverlayGeometry::fixedPanelOrigin(m_panel->bodySize(), m_draggedOrigin, m_lastBody, screens()));
+        m_lastBody = m_panel->bodyGeometry();
+        return;
+    }
     const QPoint mouse = m_pointerSource ? m_pointerSource() : QCursor::pos();
     m_panel->moveBodyTo(OverlayGeometry::panelOrigin(m_panel->bodySize(), anchorRect, mouse, screens()));
 }

@@ -68,6 +68,8 @@ public:
     // Where screens and the pointer come from; tests give fake multi-screen layouts.
     void setScreenSource(std::function<QList<ScreenArea>()> screens);
     void setPointerSource(std::function<QPoint()> pointer);
+    // Without a pointer or a selection rectangle to go by (Wayland), the card keeps a fixed place.
+    void setFixedPlacement(bool fixed) { m_fixedPlacement = fixed; }
 
     const QString& sourceMarkdown() const { return m_sourceMarkdown; }
     std::optional<ProviderField> pendingFixField() const { return m_pendingFixField; }
@@ -142,6 +144,9 @@ private:
     int m_renderCount = 0;
     std::function<QList<ScreenArea>()> m_screenSource;
     std::function<QPoint()> m_pointerSource;
+    bool m_fixedPlacement = false;
+    std::optional<QPoint> m_draggedOrigin;
+    std::optional<QRect> m_lastBody;
 };
 
 } // namespace velnora

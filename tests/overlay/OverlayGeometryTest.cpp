@@ -40,5 +40,28 @@ TEST(OverlayGeometryTest, CardOpensBesideTheSelectionAndStaysOnItsScreen)
     EXPECT_EQ(pillOrigin(QPoint(500, 500), QSize(120, 50), QRect(0, 0, 100, 40)), QPoint(8, 8));
 }
 
+TEST(OverlayGeometryTest, WithoutPointerTheCardKeepsAFixedPlace)
+{
+    const QSize card(460, 400);
+    const struct
+    {
+        std::optional<QPoint> dragged;
+        std::optional<QRect> lastBody;
+        QPoint origin;
+    } cases[]{
+        {{}, {}, {(1280 - 460) / 2, 32 + 768 / 6}}, // first time: the primary's upper middle
+        {{},
+         QRect(2000, 100, 460, 400),
+         {1280 + (1920 - 460) / 2, -200 + 1040 / 6}},               // the screen it stood on
+        {QPoint(300, 300), QRect(2000, 100, 460, 400), {300, 300}}, // where the user dragged it
+        {QPoint(1100, 700), {}, {1280 - 460 - 8, 800 - 400 - 8}},   // dragged half off: pulled in
+        {QPoint(-9000, -9000), {}, {8, 32 + 8}},                    // dragged off every screen
+    };
+    for (const auto& [dragged, lastBody, origin] : cases) {
+        EXPECT_EQ(fixedPanelOrigin(card, dragged, lastBody, twoScreens), origin)
+            << origin.x() << "," << origin.y();
+    }
+}
+
 } // namespace
 } // namespace velnora

@@ -1,11 +1,14 @@
 #include "app/settings/HotKeySection.h"
 
 #include "app/settings/ResultLine.h"
+#include "capture/CapturePlatform.h"
+#include "capture/GnomeCustomKeybinding.h"
 
 #include <QComboBox>
 #include <QHBoxLayout>
 #include <QKeySequenceEdit>
 #include <QLabel>
+#include <QPushButton>
 #include <QSignalBlocker>
 #include <QVBoxLayout>
 
@@ -31,6 +34,8 @@ HotKeySection::HotKeySection(Apply apply, Hold hold, QWidget* parent)
     m_recorder = new QKeySequenceEdit(this);
     m_recorder->setAccessibleName(QStringLiteral("自定义快捷键"));
     m_result = new ResultLine(this, 2);
+    m_systemShortcut = new QPushButton(QStringLiteral("设置系统快捷键(&S)"), this);
+    m_systemShortcut->hide();
 
     auto* choiceRow = new QHBoxLayout;
     choiceRow->addWidget(label);
@@ -42,6 +47,7 @@ HotKeySection::HotKeySection(Apply apply, Hold hold, QWidget* parent)
     layout->setSpacing(8);
     layout->addLayout(choiceRow);
     layout->addWidget(m_result);
+    layout->addWidget(m_systemShortcut, 0, Qt::AlignLeft);
     // The recorder row keeps its place while hidden, so choosing "自定义…" moves nothing.
     for (QWidget* widget : {static_cast<QWidget*>(m_recorderHint), static_cast<QWidget*>(m_recorder)}) {
         QSizePolicy policy = widget->sizePolicy();
@@ -51,6 +57,7 @@ HotKeySection::HotKeySection(Apply apply, Hold hold, QWidget* parent)
     }
 
     connect(m_choices, &QComboBox::activated, this, &HotKeySection::choose);
+    connect(m_systemShortcut, &QPushButton::clicked, this, &HotKeySection::bindSystemShortcut);
     connect(m_recorder, &QKeySequenceEdit::editingFinished, this, [this] {
         const QKeySequence sequence = m_recorder->keySequence();
         if (!sequence.isEmpty()) {
@@ -79,6 +86,23 @@ void HotKeySection::load(const HotKeyChoice& current, bool registered, const QSt
         m_result->clearMessage();
     } else {
         m_result->showMessage(conflict, Tone::error);
+    }
+    m_systemShortcut->setVisible(!registered && CapturePlatform::isWaylandSession());
+}
+
+void HotKeySection::bindSystemShortcut()
+{
+    const GnomeCustomKeybinding::Result result = GnomeCustomKeybinding::bind(m_current);
+    switch (result.outcome) {
+    case GnomeCustomKeybinding::Outcome::bound:
+        m_result->showMessage(result.message, Tone::success);
+        break;
+    case GnomeCustomKeybinding::Outcome::taken:
+        m_result->showMessage(result.message, Tone::warning);
+        break;
+    case GnomeCustomKeybinding::Outcome::unavailable:
+        m_result->showMessage(result.message, Tone::info);
+        break;
     }
 }
 

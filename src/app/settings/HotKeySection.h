@@ -8,6 +8,7 @@
 class QComboBox;
 class QKeySequenceEdit;
 class QLabel;
+class QPushButton;
 
 namespace velnora {
 
@@ -41,12 +42,14 @@ public:
     QComboBox* choiceBox() const { return m_choices; }
     QKeySequenceEdit* recorder() const { return m_recorder; }
     ResultLine* resultLine() const { return m_result; }
+    QPushButton* systemShortcutButton() const { return m_systemShortcut; }
 
 private:
     void choose(int index);
     void apply(const HotKeyChoice& choice);
     void showCurrent(const HotKeyChoice& current);
     void endHold();
+    void bindSystemShortcut();
 
     Apply m_apply;
     Hold m_hold;
@@ -55,6 +58,8 @@ private:
     QLabel* m_recorderHint;
     QKeySequenceEdit* m_recorder;
     ResultLine* m_result;
+    // On Wayland without a hot key of our own: the desktop runs our command on a key instead.
+    QPushButton* m_systemShortcut;
     HotKeyChoice m_current;
 };
 
