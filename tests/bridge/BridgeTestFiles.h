@@ -48,4 +48,15 @@ inline unsigned permissions(const QString& path)
     return unsigned(std::filesystem::status(QFile::encodeName(path).toStdString()).permissions());
 }
 
+// A pid that surely names no process: one that has just finished.
+inline qint64 finishedPid()
+{
+    QProcess finished;
+    finished.start(QStringLiteral("/bin/true"));
+    finished.waitForStarted(5000);
+    const qint64 pid = finished.processId();
+    finished.waitForFinished(5000);
+    return pid;
+}
+
 } // namespace velnora::test

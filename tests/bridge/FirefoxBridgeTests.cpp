@@ -27,17 +27,6 @@ QByteArray extensionsJson(const QStringList& ids)
     return QJsonDocument(QJsonObject{{"schemaVersion", 37}, {"addons", addons}}).toJson();
 }
 
-// A pid that surely names no process: one that has just finished.
-qint64 finishedPid()
-{
-    QProcess finished;
-    finished.start(QStringLiteral("/bin/true"));
-    finished.waitForStarted(5000);
-    const qint64 pid = finished.processId();
-    finished.waitForFinished(5000);
-    return pid;
-}
-
 } // namespace
 
 // Which profile Firefox starts with, as profiles.ini says in the forms Firefox writes it.

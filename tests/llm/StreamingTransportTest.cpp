@@ -51,23 +51,6 @@ protected:
 
 } // namespace
 
-TEST_F(StreamingTransportTest, OneCaptureOfEachDialectInOneBytePieces)
-{
-    QList<ProviderWireProtocol> played;
-    for (const CaptureExpectation& expected : captureExpectations()) {
-        if (!expected.errors.isEmpty() || played.contains(expected.protocol)) {
-            continue;
-        }
-        played.append(expected.protocol);
-        SCOPED_TRACE(expected.name.toStdString());
-        m_server.enqueue(ScriptedResponse::stream(captureBytes(expected.name), 1));
-        const Outcome outcome = run(m_server.url("/v1"), expected.protocol);
-        EXPECT_EQ(outcome.text, expected.text);
-        EXPECT_EQ(outcome.failure, "");
-    }
-    EXPECT_EQ(played.size(), 4);
-}
-
 TEST_F(StreamingTransportTest, RequestReachesTheServerAndCookiesAreNeverSentBack)
 {
     ScriptedResponse first = ScriptedResponse::stream(captureBytes("openai-chat-openaipython-1.sse"));
