@@ -7,7 +7,7 @@ out=$2
 captures=$source_dir/tests/data/wire-captures
 written=$source_dir/tests/fuzz/seeds
 rm -rf "$out"
-mkdir -p "$out"/{stream_reader,markdown,bridge_request,native_frames,release_manifest,chrome_profile,settings}
+mkdir -p "$out"/{stream_reader,markdown,bridge_request,native_frames,release_manifest,chrome_profile,firefox_profile,settings}
 
 # Stream reader: each recorded body behind the byte that picks its protocol (0 Responses, 1 Chat
 # Completions, 2 Anthropic Messages, 3 Gemini).
@@ -36,6 +36,7 @@ done
 cp "$written"/bridge_request/* "$out/bridge_request/"
 cp "$written"/release_manifest/* "$out/release_manifest/"
 cp "$written"/chrome_profile/* "$out/chrome_profile/"
+cp "$written"/firefox_profile/* "$out/firefox_profile/"
 cp "$written"/settings/* "$out/settings/"
 
 # Native-messaging frames: the messages the extension sends, each as Chrome frames it (a 32-bit length in

@@ -11,9 +11,10 @@ here=$(cd "$(dirname "$0")" && pwd)
 fuzz=$build/tests/fuzz
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=(stream_reader markdown bridge_request native_frames release_manifest
-                                     chrome_profile settings)
+                                     chrome_profile firefox_profile settings)
 declare -A dictionary=([markdown]=markdown.dict [bridge_request]=bridge.dict [native_frames]=bridge.dict
                        [release_manifest]=release.dict [chrome_profile]=chrome-profile.dict
+                       [firefox_profile]=firefox-profile.dict
                        [settings]=settings.dict)
 failed=()
 for name in "${targets[@]}"; do

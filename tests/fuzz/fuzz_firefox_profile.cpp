@@ -1,0 +1,55 @@
+// libFuzzer target for Firefox's profile files that the bridge diagnosis reads. Input: "profiles.ini",
+// then the default profile's "extensions.json" and "lock" link target, separated by NUL bytes. Firefox,
+// other programs and hand edits may leave anything there; the probe must answer and never crash.
+#include "bridge/FirefoxBrowser.h"
+#include "config/ProviderCatalog.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <cstdint>
+#include <cstdlib>
+
+using namespace velnora;
+
+namespace {
+
+void writeFile(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size()) {
+        std::abort(); // the scratch folder must be writable
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    static QTemporaryDir root(QDir::tempPath() + QStringLiteral("/fuzz_firefox_profile-XXXXXX"));
+    const QDir folder(root.path());
+    const QString profile = folder.filePath(QStringLiteral("abc.default"));
+    folder.mkpath(QStringLiteral("abc.default"));
+
+    const QList<QByteArray> parts =
+        QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)).split('\0');
+    writeFile(folder.filePath(QStringLiteral("profiles.ini")), parts.value(0));
+    writeFile(profile + QStringLiteral("/extensions.json"), parts.value(1));
+    const QString lock = profile + QStringLiteral("/lock");
+    QFile::remove(lock);
+    if (parts.size() > 2 && !parts[2].isEmpty() && !parts[2].contains('/')) {
+        QFile::link(QString::fromUtf8(parts[2]), lock);
+    }
+
+    const std::optional<QString> chosen = FirefoxBrowser::defaultProfile(root.path());
+    if (chosen && chosen->isEmpty()) {
+        std::abort(); // a profile is a folder, never nothing
+    }
+    for (const QString& identifier :
+         {ExplainerConstants::firefoxExtensionIdentifier(), ExplainerConstants::extensionIdentifier()}) {
+        (void)FirefoxBrowser::inspect(identifier, profile);
+    }
+    (void)FirefoxBrowser::isRunning(profile);
+    (void)FirefoxBrowser::isRunning(profile, true);
+    return 0;
+}
