@@ -30,6 +30,12 @@ trap 'exit 130' INT TERM
 
 fail() { echo "desktop-session: $*" >&2; exit 1; }
 
+# Every desktop runs with a UTF-8 locale; under plain C the GTK and Tk programs of the tests hand
+# Chinese text over as Latin-1.
+case "${LC_ALL:-${LC_CTYPE:-${LANG:-}}}" in
+  *UTF-8* | *utf8*) ;;
+  *) export LANG=C.UTF-8; unset LC_ALL LC_CTYPE ;;
+esac
 export HOME="$session_root/home"
 export XDG_RUNTIME_DIR="$session_root/runtime"
 export XDG_CONFIG_HOME="$HOME/.config" XDG_DATA_HOME="$HOME/.local/share"
