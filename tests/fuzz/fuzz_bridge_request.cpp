@@ -2,6 +2,7 @@
 // process, possibly written by another version of it: whatever the bytes, decoding must not crash, a
 // record it accepts must survive being written and read again unchanged, and the queue listing must
 // read it from disk as decode reads it from memory.
+#include "ScratchFile.h"
 #include "bridge/BridgeRequest.h"
 #include "bridge/RequestStore.h"
 
@@ -44,11 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     RequestStore& queue = store();
     queue.ensureDirectories();
     const QString path = QDir(queue.queueDirectory()).filePath(QStringLiteral("record.json"));
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size()) {
-        std::abort(); // the scratch folder must be writable
-    }
-    file.close();
+    writeScratchFile(path, bytes);
     const std::vector<RequestStore::Pending> pending = queue.pendingRequests();
     if (pending.size() != (request ? 1u : 0u) || (request && !(pending.front().request == *request))) {
         std::abort(); // the listing and decode disagree

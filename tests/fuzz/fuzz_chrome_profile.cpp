@@ -2,6 +2,7 @@
 // "Preferences" and "Secure Preferences" of the profile "Default", separated by NUL bytes (JSON never
 // holds one). The browser writes these files, other extensions and hand edits may leave anything in them;
 // the probe must answer, never crash, and never take a profile name that leaves the browser's folder.
+#include "ScratchFile.h"
 #include "bridge/ChromeProfileProbe.h"
 #include "config/ProviderCatalog.h"
 
@@ -12,18 +13,6 @@
 #include <cstdlib>
 
 using namespace velnora;
-
-namespace {
-
-void writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size()) {
-        std::abort(); // the scratch folder must be writable
-    }
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -37,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     for (int i = 0; i < 3; ++i) {
         const QString path = folder.filePath(QLatin1String(files[i]));
         if (i < parts.size()) {
-            writeFile(path, parts[i]);
+            writeScratchFile(path, parts[i]);
         } else {
             QFile::remove(path);
         }

@@ -1,6 +1,7 @@
 // libFuzzer target for Firefox's profile files that the bridge diagnosis reads. Input: "profiles.ini",
 // then the default profile's "extensions.json" and "lock" link target, separated by NUL bytes. Firefox,
 // other programs and hand edits may leave anything there; the probe must answer and never crash.
+#include "ScratchFile.h"
 #include "bridge/FirefoxBrowser.h"
 #include "config/ProviderCatalog.h"
 
@@ -12,18 +13,6 @@
 
 using namespace velnora;
 
-namespace {
-
-void writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size()) {
-        std::abort(); // the scratch folder must be writable
-    }
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static QTemporaryDir root(QDir::tempPath() + QStringLiteral("/fuzz_firefox_profile-XXXXXX"));
@@ -33,8 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     const QList<QByteArray> parts =
         QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)).split('\0');
-    writeFile(folder.filePath(QStringLiteral("profiles.ini")), parts.value(0));
-    writeFile(profile + QStringLiteral("/extensions.json"), parts.value(1));
+    writeScratchFile(folder.filePath(QStringLiteral("profiles.ini")), parts.value(0));
+    writeScratchFile(profile + QStringLiteral("/extensions.json"), parts.value(1));
     const QString lock = profile + QStringLiteral("/lock");
     QFile::remove(lock);
     if (parts.size() > 2 && !parts[2].isEmpty() && !parts[2].contains('/')) {

@@ -1,6 +1,7 @@
 // libFuzzer target for the stored settings: the input is the settings file, as a user's hand edit or an
 // older version may have left it. Every read must give a usable value, and resolving the API provider may
 // refuse only with a ConfigurationError, whose text the settings window shows.
+#include "ScratchFile.h"
 #include "config/ConfigurationError.h"
 #include "config/ConfigurationStore.h"
 
@@ -16,13 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static QTemporaryDir folder(QDir::tempPath() + QStringLiteral("/fuzz_settings-XXXXXX"));
     const QString path = QDir(folder.path()).filePath(QStringLiteral("velnora-domestic.conf"));
-    {
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
-            file.write(reinterpret_cast<const char*>(data), qint64(size)) != qint64(size)) {
-            std::abort(); // the scratch folder must be writable
-        }
-    }
+    writeScratchFile(path, QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)));
+    QFile::remove(path + QStringLiteral(".unreadable")); // set-aside lines would pile up run after run
 
     const ConfigurationStore store(path);
     (void)store.executionMode();
