@@ -15,7 +15,7 @@ import { setTimeout as sleep } from 'node:timers/promises';
 
 import {
   DELIVERY_DEADLINE_MS, DEPTH, EXPECTED_ID, FLAKY, PROVIDERS, SIGN_IN, VELNORA, buildStandIns, composeExplainMessage,
-  enqueue, extensionCopy, queued, read, standInSites, startStandIns, velnora, waitUntil,
+  enqueue, extensionCopy, startWakeSelfTest, queued, read, standInSites, startStandIns, velnora, waitUntil,
 } from './harness.mjs';
 
 const CHROMIUM = process.env.VELNORA_CHROMIUM || '/usr/lib/chromium/chromium';
@@ -71,12 +71,8 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
 
   test('the wake self-test installs the host manifest and its request reaches the extension', async () => {
     // No browser on PATH: the self-test must not start one of its own; the test starts Chromium.
-    wake = spawn(VELNORA, ['--browser-wake-self-test'], {
-      env: { ...env, PATH: join(root, 'empty-bin') }, stdio: ['ignore', 'pipe', 'inherit'], detached: true,
-    });
-    let wakeOutput = '';
-    wake.stdout.on('data', (chunk) => { wakeOutput += chunk; });
-    const wakeDone = once(wake, 'close', { signal: AbortSignal.timeout(50_000) }).catch(() => ['timeout']);
+    const wakeRun = startWakeSelfTest(env, join(root, 'empty-bin'), 50_000);
+    wake = wakeRun.child;
 
     const manifestPath = join(profile, 'NativeMessagingHosts', 'com.tarnwick.velnora.domestic.json');
     await waitUntil(() => existsSync(manifestPath), 10_000, 'host manifest in the Chromium profile');
@@ -94,10 +90,7 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
       `--load-extension=${join(root, 'extension')}`, 'about:blank',
     ], { env, stdio: ['ignore', 'ignore', 'inherit'], detached: true });
 
-    const [code] = await wakeDone;
-    // Its diagnosis and Chromium's log are on stderr, shown with the failure.
-    assert.equal(code, 0, `wake self-test: ${wakeOutput}`);
-    assert.match(wakeOutput, /^browser-wake-self-test: ok$/m);
+    await wakeRun.finished();
     assert.ok(standIns.state.pageLoads.some((load) => load.provider === 'kimi'), 'the Kimi page was never opened');
   });
 

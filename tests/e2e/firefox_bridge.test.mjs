@@ -4,8 +4,6 @@
 // on PATH, and Firefox starts the real host from ~/.mozilla/native-messaging-hosts.
 import { after, before, describe, test } from 'node:test';
 import assert from 'node:assert/strict';
-import { spawn } from 'node:child_process';
-import { once } from 'node:events';
 import { chmodSync, existsSync, mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
@@ -13,6 +11,7 @@ import { setTimeout as sleep } from 'node:timers/promises';
 
 import {
   DEPTH, VELNORA, buildStandIns, composeExplainMessage, enqueue, extensionCopy, queued, read, standInSites,
+  startWakeSelfTest,
   startStandIns, velnora, waitUntil,
 } from './harness.mjs';
 
@@ -108,16 +107,13 @@ describe('browser mode through a real Firefox', { timeout: 150_000 }, () => {
   });
 
   test('the app writes the Firefox host manifest, wakes Firefox, and the extension carries its request', async () => {
-    wake = spawn(VELNORA, ['--browser-wake-self-test'], {
-      env: { ...env, PATH: join(root, 'bin') }, stdio: ['ignore', 'pipe', 'inherit'], detached: true,
-    });
-    let wakeOutput = '';
-    wake.stdout.on('data', (chunk) => { wakeOutput += chunk; });
-    const [code] = await once(wake, 'close', { signal: AbortSignal.timeout(60_000) }).catch(() => ['timeout']);
+    const wakeRun = startWakeSelfTest(env, join(root, 'bin'), 60_000);
+    wake = wakeRun.child;
+    const woken = wakeRun.finished();
+    await woken.catch(() => {});
     firefoxPid = existsSync(join(root, 'firefox.pid')) ? Number(readFileSync(join(root, 'firefox.pid'), 'utf8')) : null;
     assert.ok(firefoxPid, 'the app did not start firefox-esr from PATH');
-    assert.equal(code, 0, `wake self-test: ${wakeOutput}`);
-    assert.match(wakeOutput, /^browser-wake-self-test: ok$/m);
+    await woken;
     assert.ok(standIns.state.pageLoads.some((load) => load.provider === 'kimi'), 'the Kimi page was never opened');
 
     const hostManifest = JSON.parse(readFileSync(

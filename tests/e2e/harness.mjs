@@ -1,11 +1,12 @@
 // What the browser end-to-end tests share: the stand-in chat sites, the extension copy that points at
 // them, the queue as the application writes it, and waiting with a deadline.
 import assert from 'node:assert/strict';
-import { execFile, execFileSync } from 'node:child_process';
+import { execFile, execFileSync, spawn } from 'node:child_process';
 import { randomUUID } from 'node:crypto';
 import {
   cpSync, existsSync, mkdirSync, readFileSync, renameSync, statSync, writeFileSync,
 } from 'node:fs';
+import { once } from 'node:events';
 import http from 'node:http';
 import { dirname, join, relative } from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
@@ -165,3 +166,19 @@ export function enqueue(dataDir, fields) {
 
 export const queued = (dataDir, id) => existsSync(join(dataDir, 'PendingRequests', `${id}.json`));
 
+// The wake self-test with PATH narrowed to binDir (which browser it may start). `finished` checks it
+// ended with "ok" within timeoutMs; its diagnosis is on stderr, shown with the failure.
+export function startWakeSelfTest(env, binDir, timeoutMs) {
+  const child = spawn(VELNORA, ['--browser-wake-self-test'], {
+    env: { ...env, PATH: binDir }, stdio: ['ignore', 'pipe', 'inherit'], detached: true,
+  });
+  let output = '';
+  child.stdout.on('data', (chunk) => { output += chunk; });
+  const closed = once(child, 'close', { signal: AbortSignal.timeout(timeoutMs) }).catch(() => ['timeout']);
+  const finished = async () => {
+    const [code] = await closed;
+    assert.equal(code, 0, `wake self-test: ${output}`);
+    assert.match(output, /^browser-wake-self-test: ok$/m);
+  };
+  return { child, finished };
+}
