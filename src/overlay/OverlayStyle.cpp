@@ -174,7 +174,10 @@ QFont uiFont(qreal size, QFont::Weight weight)
     QFont font;
     font.setFamilies(uiFamilies());
     font.setPointSizeF(pointsForPixels(size));
-    font.setWeight(weight);
+    // One face per family: a CJK family's Medium and Bold files cost a few megabytes each for a card
+    // that lives seconds, so emphasis is the regular face emboldened (Qt does it from Bold upwards).
+    font.setStyleName(QStringLiteral("Regular"));
+    font.setWeight(weight > QFont::Normal ? QFont::Bold : weight);
     return font;
 }
 
