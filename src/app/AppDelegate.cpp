@@ -308,6 +308,7 @@ ExplanationCoordinator* AppDelegate::explanationCoordinator()
 {
     if (!m_explanationCoordinator) {
         m_client = std::make_unique<LLMClient>();
+        m_client->setFetchWorker(QStringLiteral("/proc/self/exe"));
         m_overlay = std::make_unique<OverlayPanelController>();
         m_overlay->setFixedPlacement(CapturePlatform::isWaylandSession());
         m_explanationCoordinator =
@@ -326,7 +327,7 @@ void AppDelegate::releaseClosedCard()
     if (!m_overlay || m_overlay->panel()->isVisible()) {
         return; // shown again in the meantime
     }
-    // A closed card's conversation is over: its windows, the client and the TLS state go, and the heap
+    // A closed card's conversation is over: its windows and the client go, and the heap
     // they used goes back to the system instead of staying with an idle tray icon.
     delete m_explanationCoordinator;
     m_explanationCoordinator = nullptr;

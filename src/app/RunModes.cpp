@@ -11,6 +11,7 @@
 #include "capture/AccessibilityCheck.h"
 #include "config/ConfigSelfChecks.h"
 #include "config/ProviderCatalog.h"
+#include "llm/FetchWorker.h"
 #include "overlay/OverlayRunModes.h"
 
 namespace velnora::RunModes {
@@ -56,6 +57,8 @@ const std::vector<Row>& table()
         {20, "--bridge-diagnostics-self-test", Match::flag, BridgeCommands::runDiagnosticsSelfTest, "检查网页会话桥的诊断规则"},
         {21, "--bridge-status", Match::flag, BridgeCommands::runBridgeStatus, "显示与 Chrome 扩展的连接状态"},
         {21, "--browser-page-check", Match::flagWithValue, BridgeCommands::runBrowserPageCheck, "服务  打开该网页服务的页面，检查输入框、发送按钮和登录状态（不发送任何内容）"},
+        // Internal: the app starts it for each API request; not for people, so not in --help.
+        {21, FetchWorker::flag, Match::flag, [](const ProcessArguments& a) { return FetchWorker::run(a.argc(), a.argv()); }},
         {22, "", Match::nativeMessaging, BridgeCommands::runNativeHost},
         {23, "", Match::always, ApplicationMode::run},
     };
@@ -128,7 +131,7 @@ QString usage()
         text += QStringLiteral("  ") + column + QString(std::max<qsizetype>(padding, 1), u' ') + description + u'\n';
     };
     for (const Row& row : table()) {
-        if (row.action && row.flag[0] != '\0') {
+        if (row.action && row.flag[0] != '\0' && row.help[0] != '\0') {
             line(QString::fromLatin1(row.flag), QString::fromUtf8(row.help));
         }
     }

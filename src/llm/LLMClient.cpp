@@ -81,7 +81,7 @@ void LLMClient::stream(const ResolvedProviderConfiguration& provider, const QStr
     std::shared_ptr<StreamingTransport> transport =
         StreamingTransport::create(provider.wireProtocol(), std::move(onDelta), std::move(wrapper));
     m_state->activeTransport = transport;
-    transport->start(request);
+    transport->start(request, m_fetchWorker);
 }
 
 void LLMClient::cancel()

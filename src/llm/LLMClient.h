@@ -43,6 +43,9 @@ public:
                 CompletionHandler onComplete);
     // Cancels the running request, if there is one.
     void cancel();
+    // Later requests run in a fetch worker started from `program` (FetchWorker), so that the TLS stack
+    // they load goes when they end; empty: in this process.
+    void setFetchWorker(const QString& program) { m_fetchWorker = program; }
 
     // The transport of the running request, or none.
     std::shared_ptr<StreamingTransport> activeTransport() const;
@@ -69,6 +72,7 @@ private:
     };
 
     AddressPolicy m_policy;
+    QString m_fetchWorker;
     std::shared_ptr<State> m_state;
 };
 

@@ -36,7 +36,9 @@ StreamingTransport::StreamingTransport(ProviderWireProtocol protocol, DeltaHandl
           protocol, [this](const QString& text) { emitDelta(text); },
           [this](const QString& message) {
               // An error event in a refused response (a 429 sent as a stream) is judged with its status.
-              const std::optional<int> status = m_fetch ? m_fetch->status() : std::nullopt;
+              const std::optional<int> status = m_fetch          ? m_fetch->status()
+                                                : m_processFetch ? m_processFetch->status()
+                                                                 : std::nullopt;
               if (status && (*status < 200 || *status > 299)) {
                   finish(StreamResult::failed(LLMClientError::http(*status, message)));
               } else {
@@ -50,13 +52,20 @@ StreamingTransport::~StreamingTransport()
     releaseNetwork();
 }
 
-void StreamingTransport::start(const PreparedRequest& request)
+void StreamingTransport::start(const PreparedRequest& request, const QString& workerProgram)
 {
     if (m_started || m_finished) {
         return; // one request per transport
     }
     m_started = true;
     m_self = shared_from_this();
+    if (!workerProgram.isEmpty()) {
+        m_processFetch = ProcessFetch::start(
+            workerProgram, request,
+            [this](const QByteArray& bytes, bool last) { return takeBody(bytes, last); },
+            [this](const NetworkFetch::Outcome& outcome) { onFetched(outcome); });
+        return;
+    }
     m_manager = NetworkSupport::createEphemeralManager(nullptr);
     m_fetch = NetworkFetch::start(
         *m_manager, request, [this](const QByteArray& bytes, bool last) { return takeBody(bytes, last); },
@@ -157,6 +166,10 @@ void StreamingTransport::releaseNetwork()
     if (m_fetch) {
         m_fetch->abandon();
         m_fetch = nullptr;
+    }
+    if (m_processFetch) {
+        m_processFetch->abandon();
+        m_processFetch = nullptr;
     }
     if (m_manager) {
         m_manager->deleteLater();

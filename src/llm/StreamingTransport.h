@@ -2,6 +2,7 @@
 
 #include "config/ProviderCatalog.h"
 #include "llm/NetworkFetch.h"
+#include "llm/ProcessFetch.h"
 #include "llm/PreparedRequest.h"
 #include "llm/ProviderResult.h"
 #include "llm/StreamEventReader.h"
@@ -31,8 +32,9 @@ public:
                                                       CompletionHandler onComplete);
     ~StreamingTransport() override;
 
-    // Sends the request on a manager of its own that keeps nothing afterwards.
-    void start(const PreparedRequest& request);
+    // Sends the request on a manager of its own that keeps nothing afterwards, or, given a fetch worker
+    // program, in a process of its own (ProcessFetch).
+    void start(const PreparedRequest& request, const QString& workerProgram = {});
     // Stops the request; the completion `cancelled` follows asynchronously. Nothing once completed.
     void cancel();
 
@@ -51,6 +53,7 @@ private:
 
     QPointer<QNetworkAccessManager> m_manager;
     QPointer<NetworkFetch> m_fetch;
+    QPointer<ProcessFetch> m_processFetch;
     bool m_started = false;
     bool m_finished = false;
     std::shared_ptr<StreamingTransport> m_self; // held from start until completion

@@ -18,7 +18,8 @@ struct Outcome
     QString failure;
 };
 
-class StreamingTransportTest : public LoopbackTest
+// Every case runs twice: in this process, and in a fetch worker (the executable the tray app uses).
+class StreamingTransportTest : public LoopbackTest, public ::testing::WithParamInterface<bool>
 {
 protected:
     // Runs one transport against base and waits for its one completion, after every delta.
@@ -40,7 +41,7 @@ protected:
         PreparedRequest request = LLMClient::makeRequest(loopbackProvider("deepseek", protocol, base), "S",
                                                          {ConversationMessage::user("hi")}, acceptAnyAddress);
         request.inactivityTimeout = inactivityTimeout;
-        transport->start(request);
+        transport->start(request, GetParam() ? velnoraBinary() : QString());
         transport.reset(); // a started transport keeps itself alive
         EXPECT_TRUE(waitUntil([&] { return *completions > 0; }, 15000));
         QCoreApplication::processEvents();
@@ -51,7 +52,9 @@ protected:
 
 } // namespace
 
-TEST_F(StreamingTransportTest, RequestReachesTheServerAndCookiesAreNeverSentBack)
+INSTANTIATE_TEST_SUITE_P(InProcessAndInWorker, StreamingTransportTest, ::testing::Bool());
+
+TEST_P(StreamingTransportTest, RequestReachesTheServerAndCookiesAreNeverSentBack)
 {
     ScriptedResponse first = ScriptedResponse::stream(captureBytes("openai-chat-openaipython-1.sse"));
     first.headers = "Set-Cookie: session=abc; Path=/\r\n";
@@ -69,7 +72,7 @@ TEST_F(StreamingTransportTest, RequestReachesTheServerAndCookiesAreNeverSentBack
 }
 
 // How each kind of answer ends: its text, and the failure's sentence (empty for success).
-TEST_F(StreamingTransportTest, EveryWayAnAnswerCanEnd)
+TEST_P(StreamingTransportTest, EveryWayAnAnswerCanEnd)
 {
     const auto cutAfterHello = [](ScriptedResponse::Ending ending) {
         ScriptedResponse response =
@@ -131,8 +134,10 @@ TEST_F(StreamingTransportTest, EveryWayAnAnswerCanEnd)
          "开头", "The server had an error processing your request.", ProviderWireProtocol::openAIResponses},
         {cutAfterHello(ScriptedResponse::Ending::stall), "Hello",
          QStringLiteral("网络请求失败（1 秒内没有收到任何数据）。")},
+        // Qt's own words; the worker speaks Chinese like the app, this test process does not.
         {cutAfterHello(ScriptedResponse::Ending::drop), "Hello",
-         QStringLiteral("网络请求失败（Connection closed）。")},
+         GetParam() ? QStringLiteral("网络请求失败（连接已关闭）。")
+                    : QStringLiteral("网络请求失败（Connection closed）。")},
         // One endless line, never an event: all of it is kept, up to 16 MiB.
         {ScriptedResponse::stream(QByteArray(NetworkSupport::bodyLimit, 'x'), 1 << 20), "", empty},
         {ScriptedResponse::stream(QByteArray(NetworkSupport::bodyLimit + 1, 'x'), 1 << 20), "",
@@ -149,7 +154,7 @@ TEST_F(StreamingTransportTest, EveryWayAnAnswerCanEnd)
     m_server.closeConnections();
 }
 
-TEST_F(StreamingTransportTest, TheSessionProxySettingsAreHonoured)
+TEST_P(StreamingTransportTest, TheSessionProxySettingsAreHonoured)
 {
     // The server plays an HTTP proxy: the request reaches it in absolute form.
     m_environment.set("http_proxy", m_server.url().toEncoded());
