@@ -22,6 +22,7 @@
 #include "llm/LLMClient.h"
 #include "llm/ProviderFailure.h"
 #include "overlay/ExplanationPanel.h"
+#include "overlay/FontCaches.h"
 #include "overlay/OverlayPanelController.h"
 #include "updates/ProductUpdates.h"
 
@@ -327,12 +328,13 @@ void AppDelegate::releaseClosedCard()
     if (!m_overlay || m_overlay->panel()->isVisible()) {
         return; // shown again in the meantime
     }
-    // A closed card's conversation is over: its windows and the client go, and the heap
+    // A closed card's conversation is over: its windows, the client and the fonts go, and the heap
     // they used goes back to the system instead of staying with an idle tray icon.
     delete m_explanationCoordinator;
     m_explanationCoordinator = nullptr;
     m_overlay.reset();
     m_client.reset();
+    FontCaches::release();
     malloc_trim(0);
 }
 
