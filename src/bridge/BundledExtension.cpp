@@ -12,7 +12,6 @@ QStringList candidateFolders(const QString& executablePath)
     const QString binDirectory = QFileInfo(executablePath).absolutePath();
     return {
         QDir::cleanPath(binDirectory + QStringLiteral("/../share/velnora/extension")),
-        QDir::cleanPath(QStringLiteral(VELNORA_SOURCE_DIR "/extension")),
         QDir::cleanPath(QStringLiteral(VELNORA_INSTALL_DATADIR "/velnora/extension")),
     };
 }
