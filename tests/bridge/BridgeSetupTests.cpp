@@ -1,7 +1,6 @@
 #include "BridgeTestFiles.h"
 #include "bridge/BrowserProviderSync.h"
 #include "bridge/ChromeProfileProbe.h"
-#include "bridge/ChromiumBrowsers.h"
 #include "bridge/NativeHostInstaller.h"
 #include "bridge/RequestStore.h"
 #include "config/ConfigurationStore.h"
