@@ -6,6 +6,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QStringList>
 #include <filesystem>
@@ -46,6 +49,16 @@ inline std::pair<int, QStringList> runMode(const QString& flag)
 inline unsigned permissions(const QString& path)
 {
     return unsigned(std::filesystem::status(QFile::encodeName(path).toStdString()).permissions());
+}
+
+// Firefox's extensions.json listing these add-ons, all enabled.
+inline QByteArray extensionsJson(const QStringList& ids)
+{
+    QJsonArray addons;
+    for (const QString& id : ids) {
+        addons.append(QJsonObject{{"id", id}, {"active", true}, {"version", "2.11.1"}});
+    }
+    return QJsonDocument(QJsonObject{{"schemaVersion", 37}, {"addons", addons}}).toJson();
 }
 
 // A pid that surely names no process: one that has just finished.

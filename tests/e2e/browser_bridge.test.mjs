@@ -8,66 +8,35 @@ import { after, before, describe, test } from 'node:test';
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { once } from 'node:events';
-import { existsSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync } from 'node:fs';
-import { tmpdir } from 'node:os';
+import { existsSync, mkdirSync, readFileSync, readdirSync } from 'node:fs';
 import { join } from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
 
 import {
-  DELIVERY_DEADLINE_MS, DEPTH, EXPECTED_ID, FLAKY, PROVIDERS, SIGN_IN, VELNORA, buildStandIns, composeExplainMessage,
-  enqueue, extensionCopy, startWakeSelfTest, queued, read, standInSites, startStandIns, velnora, waitUntil,
+  DELIVERY_DEADLINE_MS, DEPTH, EXPECTED_ID, FLAKY, PROVIDERS, SIGN_IN, VELNORA, assertExtensionStatus, cleanUp,
+  composeExplainMessage, enqueue, enqueueExplain, lines, queued, sandbox, serveStandIns, startNewSession,
+  startWakeSelfTest, statusOnceDisconnected, velnora, waitUntil,
 } from './harness.mjs';
 
 const CHROMIUM = process.env.VELNORA_CHROMIUM || '/usr/lib/chromium/chromium';
 
-// --- the run ------------------------------------------------------------------------------------
-
 describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
-  let root;
-  let env;
-  let dataDir;
-  let profile;
+  const box = sandbox('velnora-e2e-');
+  const { root, env, dataDir } = box;
+  const profile = join(box.home, '.config', 'chromium');
   let standIns;
   let chromium = null;
   let wake = null;
-
-  const submissionsFor = (provider) => standIns.state.submissions.filter((entry) => entry.provider === provider);
+  const submissionsFor = (provider) => standIns.submissionsFor(provider);
 
   before(async () => {
     assert.ok(existsSync(CHROMIUM), `${CHROMIUM} is missing: scripts/install-deps.sh installs chromium`);
-    root = mkdtempSync(join(tmpdir(), 'velnora-e2e-'));
-    const home = join(root, 'home');
-    dataDir = join(root, 'data');
-    profile = join(home, '.config', 'chromium');
-    for (const dir of [join(root, 'tmp'), join(root, 'empty-bin'), profile, join(home, '.local/share'), join(home, '.cache')]) {
-      mkdirSync(dir, { recursive: true });
-    }
-    env = {
-      ...process.env,
-      HOME: home,
-      TMPDIR: join(root, 'tmp'),
-      XDG_CONFIG_HOME: join(home, '.config'),
-      XDG_DATA_HOME: join(home, '.local/share'),
-      XDG_CACHE_HOME: join(home, '.cache'),
-      VELNORA_DATA_DIR: dataDir,
-    };
-    buildStandIns(join(root, 'bundles'));
-    standIns = await startStandIns(join(root, 'bundles'));
-    standIns.state.sites = standInSites(standIns.origin);
-    extensionCopy(join(root, 'extension'), standIns.state.sites);
+    mkdirSync(profile, { recursive: true });
+    mkdirSync(join(root, 'empty-bin'));
+    standIns = await serveStandIns(root);
   });
 
-  after(() => {
-    for (const child of [wake, chromium]) {
-      if (child && child.exitCode === null && child.signalCode === null) {
-        process.kill(-child.pid, 'SIGKILL');
-      }
-    }
-    standIns?.server.close();
-    if (root) {
-      rmSync(root, { recursive: true, force: true });
-    }
-  });
+  after(() => cleanUp(box, standIns, [wake, chromium]));
 
   test('the wake self-test installs the host manifest and its request reaches the extension', async () => {
     // No browser on PATH: the self-test must not start one of its own; the test starts Chromium.
@@ -95,11 +64,7 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
   });
 
   test('the host records the extension status; --bridge-status and the repair see the connection', async () => {
-    const statusPath = join(dataDir, 'extension-status.json');
-    await waitUntil(() => existsSync(statusPath), 10_000, 'extension-status.json');
-    const status = JSON.parse(readFileSync(statusPath, 'utf8'));
-    assert.equal(status.extensionID, EXPECTED_ID);
-    assert.equal(status.version, JSON.parse(read('extension/manifest.json')).version);
+    const status = await assertExtensionStatus(dataDir, EXPECTED_ID);
     assert.ok(Math.abs(Date.now() / 1000 - status.updatedAt) < 120, `updatedAt ${status.updatedAt} is not seconds of now`);
 
     const result = await velnora(['--bridge-status'], env);
@@ -113,7 +78,7 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
   test('every site gets a multi-line request into its editor\'s model once, after the answer on screen', async () => {
     const sent = PROVIDERS.map((provider, index) => {
       const text = `  第 ${index + 1} 段：${provider} 的“边际效用递减”\n是什么意思？ <b>不是标签</b>\n`;
-      return enqueue(dataDir, { depthInstruction: DEPTH, provider, text, type: 'EXPLAIN_TEXT' });
+      return enqueueExplain(dataDir, provider, text);
     });
     await waitUntil(() => PROVIDERS.every((provider) => submissionsFor(provider).length > 0), 90_000,
       () => `submissions from every site (got ${JSON.stringify(standIns.state.submissions.map((s) => s.provider))}, ` +
@@ -122,12 +87,10 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
     // Retries and late answers would show up here.
     await sleep(2_500);
     assert.deepEqual(standIns.state.faults, [], 'a Stop control or another control was pressed');
-    const lines = (message) => message.split('\n').map((line) => line.trim()).filter(Boolean);
     for (const { provider, text } of sent) {
       const [submission, ...more] = submissionsFor(provider);
       const expected = composeExplainMessage(text, DEPTH);
       assert.equal(more.length, 0, `${provider} submitted twice`);
-      // Rich editors keep lines as paragraphs; characters and line structure must survive.
       assert.deepEqual(lines(submission.text), lines(expected), provider);
       if (['deepseek', 'glm'].includes(provider)) {
         assert.equal(submission.text, expected, `${provider}: a textarea keeps the message exactly`);
@@ -149,7 +112,7 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
 
   test('the chosen provider is stored and serves requests that name none; a new session reloads its page', async () => {
     const choice = enqueue(dataDir, { provider: 'ernie', type: 'SET_BROWSER_PROVIDER' });
-    const explain = enqueue(dataDir, { depthInstruction: DEPTH, text: '没有指定服务的请求', type: 'EXPLAIN_TEXT' });
+    const explain = enqueueExplain(dataDir, undefined, '没有指定服务的请求');
     await waitUntil(() => submissionsFor('ernie').length === 2, 30_000, 'the second ernie submission');
     assert.ok(submissionsFor('ernie')[1].text.includes(explain.text));
     const fresh = enqueue(dataDir, { type: 'NEW_SESSION' });
@@ -174,11 +137,10 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
   test('a page answering past the delivery deadline is left alone and gets the request once it is done', async () => {
     const provider = 'hunyuan';
     standIns.state.longAnswer.set(provider, DELIVERY_DEADLINE_MS + 5_000);
-    const fresh = enqueue(dataDir, { provider, type: 'NEW_SESSION' });
-    await waitUntil(() => !queued(dataDir, fresh.id), 30_000, 'the new-session record acknowledged');
+    await startNewSession(dataDir, provider);
     const openedAt = Date.now();
     const before = submissionsFor(provider).length;
-    const explain = enqueue(dataDir, { depthInstruction: DEPTH, provider, text: '回答很长的时候', type: 'EXPLAIN_TEXT' });
+    const explain = enqueueExplain(dataDir, provider, '回答很长的时候');
     await waitUntil(() => submissionsFor(provider).length > before, DELIVERY_DEADLINE_MS + 30_000, 'the delivery after the answer');
     assert.ok(Date.now() - openedAt >= DELIVERY_DEADLINE_MS, 'sent before the answer on screen ended');
     await waitUntil(() => !queued(dataDir, explain.id), 10_000, 'the record acknowledged');
@@ -197,17 +159,13 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
     });
     const cases = [
       {
-        name: 'input markers changed', provider: 'glm',
+        name: 'input markers changed', provider: 'glm', notice: '没能在这个页面找到智谱清言的输入框', sent: [],
         stale: [['id="search-input-box"', 'id="chat-box-v3"'], ['main-chat-search', 'chat-search-v3']],
-        notice: '澜镜：没能在这个页面找到智谱清言的输入框，网页可能改版了。可以复制下面的内容手动发送，' +
-          '或在澜镜设置里换一个网页服务。复制内容关闭',
-        sent: [],
       },
       { name: 'send control marker changed', provider: 'ernie', stale: [['id="sendBtn"', 'id="sendBtnV2"']], sent: ['enter'] },
       {
-        name: 'the box empties but nothing shows up', provider: 'kimi', swallow: true,
-        notice: '澜镜：内容已从输入框发出，但Kimi的页面没有显示这条提问，请确认后再试。关闭',
-        sent: ['click'],
+        name: 'the box empties but nothing shows up', provider: 'kimi', swallow: true, sent: ['click'],
+        notice: 'Kimi的页面没有显示这条提问',
       },
     ];
     for (const row of cases) {
@@ -215,16 +173,16 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
       if (row.swallow) {
         standIns.state.swallow.add(row.provider);
       }
-      const fresh = enqueue(dataDir, { provider: row.provider, type: 'NEW_SESSION' });
-      await waitUntil(() => !queued(dataDir, fresh.id), 30_000, `${row.name}: the new-session record acknowledged`);
+      await startNewSession(dataDir, row.provider);
       const before = submissionsFor(row.provider).length;
       const noticesBefore = standIns.state.notices.length;
-      const explain = enqueue(dataDir, { depthInstruction: DEPTH, provider: row.provider, text: row.name, type: 'EXPLAIN_TEXT' });
+      const explain = enqueueExplain(dataDir, row.provider, row.name);
       // Answered either way: retrying could not help, and could send twice.
       await waitUntil(() => !queued(dataDir, explain.id), 40_000, `${row.name}: the record answered`);
       await sleep(2_500);
       const notices = standIns.state.notices.slice(noticesBefore).filter((entry) => entry.provider === row.provider);
-      assert.deepEqual(notices.map((entry) => entry.text), row.notice ? [row.notice] : [], row.name);
+      assert.equal(notices.length, row.notice ? 1 : 0, row.name);
+      assert.ok(!row.notice || notices[0].text.includes(row.notice), `${row.name}: ${notices[0]?.text}`);
       assert.deepEqual(submissionsFor(row.provider).slice(before).map((entry) => entry.how), row.sent, row.name);
       assert.deepEqual(standIns.state.faults, [], row.name);
     }
@@ -232,11 +190,10 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
 
   test('a sign-in on another host keeps the request queued in the same tab and delivers it once after', async () => {
     standIns.state.signedOut.add(SIGN_IN);
-    const fresh = enqueue(dataDir, { provider: SIGN_IN, type: 'NEW_SESSION' });
-    await waitUntil(() => !queued(dataDir, fresh.id), 30_000, 'the new-session record acknowledged');
+    await startNewSession(dataDir, SIGN_IN);
     const loads = () => standIns.state.pageLoads.filter((load) => [SIGN_IN, 'passport'].includes(load.provider)).length;
     const loadsBefore = loads();
-    const explain = enqueue(dataDir, { depthInstruction: DEPTH, provider: SIGN_IN, text: '需要先登录的请求', type: 'EXPLAIN_TEXT' });
+    const explain = enqueueExplain(dataDir, SIGN_IN, '需要先登录的请求');
     // Three host retries (2, 4 s): no new tab, no reload, nothing sent, the record still queued.
     await sleep(7_000);
     assert.equal(loads(), loadsBefore, 'the site or its sign-in page was loaded again');
@@ -262,11 +219,6 @@ describe('browser mode through a real Chromium', { timeout: 180_000 }, () => {
     const exited = chromium.exitCode === null ? once(chromium, 'exit', { signal: AbortSignal.timeout(15_000) }) : null;
     process.kill(-chromium.pid, 'SIGTERM');
     await exited?.catch(() => process.kill(-chromium.pid, 'SIGKILL'));
-    const result = await waitUntil(async () => {
-      const status = await velnora(['--bridge-status'], env);
-      return status.code !== 0 ? status : null;
-    }, 15_000, '--bridge-status to stop reporting connected');
-    assert.equal(result.code, 2);
-    assert.notEqual(result.stdout.split('\n')[0], '● Chrome 已连接');
+    assert.notEqual((await statusOnceDisconnected(env))[0], '● Chrome 已连接');
   });
 });

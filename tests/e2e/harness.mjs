@@ -4,10 +4,11 @@ import assert from 'node:assert/strict';
 import { execFile, execFileSync, spawn } from 'node:child_process';
 import { randomUUID } from 'node:crypto';
 import {
-  cpSync, existsSync, mkdirSync, readFileSync, renameSync, statSync, writeFileSync,
+  cpSync, existsSync, mkdirSync, mkdtempSync, readFileSync, renameSync, rmSync, statSync, writeFileSync,
 } from 'node:fs';
 import { once } from 'node:events';
 import http from 'node:http';
+import { tmpdir } from 'node:os';
 import { dirname, join, relative } from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { fileURLToPath, pathToFileURL } from 'node:url';
@@ -48,11 +49,57 @@ export async function waitUntil(probe, timeoutMs, what) {
   return value;
 }
 
+// A throwaway root: home, data folder and temporary folder, and the environment the app runs in.
+export function sandbox(prefix, extraEnv = {}) {
+  const root = mkdtempSync(join(tmpdir(), prefix));
+  const home = join(root, 'home');
+  const dataDir = join(root, 'data');
+  for (const dir of [join(root, 'tmp'), join(home, '.config'), join(home, '.local/share'), join(home, '.cache')]) {
+    mkdirSync(dir, { recursive: true });
+  }
+  const env = {
+    ...process.env, HOME: home, TMPDIR: join(root, 'tmp'), XDG_CONFIG_HOME: join(home, '.config'),
+    XDG_DATA_HOME: join(home, '.local/share'), XDG_CACHE_HOME: join(home, '.cache'), VELNORA_DATA_DIR: dataDir, ...extraEnv,
+  };
+  return { root, home, dataDir, env };
+}
+
+// Ends what a run started (children that lead a process group of their own, and plain pids) and
+// removes its root.
+export function cleanUp({ root }, standIns, children, pids = []) {
+  for (const child of children) {
+    if (child && child.exitCode === null && child.signalCode === null) {
+      process.kill(-child.pid, 'SIGKILL');
+    }
+  }
+  for (const pid of pids) {
+    if (pid && isAlive(pid)) {
+      process.kill(pid, 'SIGKILL');
+    }
+  }
+  standIns?.server.close();
+  if (root) {
+    rmSync(root, { recursive: true, force: true });
+  }
+}
+
+export const isAlive = (pid) => {
+  try {
+    process.kill(pid, 0);
+    return true;
+  } catch {
+    return false;
+  }
+};
+
+// Characters and line structure; rich editors keep lines as paragraphs.
+export const lines = (message) => message.split('\n').map((line) => line.trim()).filter(Boolean);
+
 // --- stand-in chat sites ------------------------------------------------------------------------
 
 // Installs the editors from the lock file on a clean clone (again only when the lock changed) and
 // bundles one script per page into the folder.
-export function buildStandIns(target) {
+function buildStandIns(target) {
   const installed = join(STANDINS, 'node_modules', '.package-lock.json');
   const lock = join(STANDINS, 'package-lock.json');
   if (!existsSync(installed) || statSync(lock).mtimeMs > statSync(installed).mtimeMs) {
@@ -61,7 +108,7 @@ export function buildStandIns(target) {
   execFileSync(process.execPath, [join(STANDINS, 'build.mjs'), target], { cwd: STANDINS, stdio: 'inherit', timeout: 120_000 });
 }
 
-export function startStandIns(bundles) {
+function startStandIns(bundles) {
   const pages = Object.fromEntries([...PROVIDERS, 'passport'].map((name) => [name, standInPage(name)]));
   const driver = `<script>${read('extension/content/page-driver.js')}</script>`;
   const state = {
@@ -123,9 +170,21 @@ export function startStandIns(bundles) {
   });
 }
 
+// Builds and serves the stand-ins and writes the extension copy pointing at them; `adjust` may change
+// the site table first.
+export async function serveStandIns(root, { adjust = () => {}, geckoId = null } = {}) {
+  buildStandIns(join(root, 'bundles'));
+  const standIns = await startStandIns(join(root, 'bundles'));
+  standIns.state.sites = standInSites(standIns.origin);
+  adjust(standIns.state.sites);
+  extensionCopy(join(root, 'extension'), standIns.state.sites, geckoId);
+  standIns.submissionsFor = (provider) => standIns.state.submissions.filter((entry) => entry.provider === provider);
+  return standIns;
+}
+
 // The site table pointed at the stand-ins; the sign-in host is "localhost", which the extension's
 // host permissions (127.0.0.1 only) do not cover, like the real sign-in hosts.
-export function standInSites(origin) {
+function standInSites(origin) {
   return Object.fromEntries(Object.entries(SITES).map(([provider, site]) => [provider, {
     ...site,
     url: `${origin}/${provider}/chat`,
@@ -137,7 +196,7 @@ export function standInSites(origin) {
 
 // The extension as shipped, except that its site table and host permissions point at the stand-ins
 // (and, for Firefox, its gecko ID is the one this build admits).
-export function extensionCopy(target, sites, geckoId = null) {
+function extensionCopy(target, sites, geckoId = null) {
   const shipped = join(SOURCE, 'extension');
   cpSync(shipped, target, { recursive: true, filter: (path) => !relative(shipped, path).startsWith('test') });
   const table = read('extension/lib/sites.js');
@@ -165,6 +224,35 @@ export function enqueue(dataDir, fields) {
 }
 
 export const queued = (dataDir, id) => existsSync(join(dataDir, 'PendingRequests', `${id}.json`));
+
+export const enqueueExplain = (dataDir, provider, text) =>
+  enqueue(dataDir, { depthInstruction: DEPTH, provider, text, type: 'EXPLAIN_TEXT' });
+
+// A new session on the provider's page, acknowledged.
+export async function startNewSession(dataDir, provider) {
+  const record = enqueue(dataDir, { provider, type: 'NEW_SESSION' });
+  await waitUntil(() => !queued(dataDir, record.id), 30_000, `${provider}: the new-session record acknowledged`);
+}
+
+// What the host recorded of the extension once it connected: its ID and the shipped version.
+export async function assertExtensionStatus(dataDir, extensionID) {
+  const statusPath = join(dataDir, 'extension-status.json');
+  await waitUntil(() => existsSync(statusPath), 10_000, 'extension-status.json');
+  const status = JSON.parse(readFileSync(statusPath, 'utf8'));
+  assert.equal(status.extensionID, extensionID);
+  assert.equal(status.version, JSON.parse(read('extension/manifest.json')).version);
+  return status;
+}
+
+// --bridge-status once the browser is gone: it must stop reporting connected and exit 2.
+export async function statusOnceDisconnected(env) {
+  const result = await waitUntil(async () => {
+    const status = await velnora(['--bridge-status'], env);
+    return status.code !== 0 ? status : null;
+  }, 15_000, '--bridge-status to stop reporting connected');
+  assert.equal(result.code, 2);
+  return result.stdout.split('\n').slice(0, 2);
+}
 
 // The wake self-test with PATH narrowed to binDir (which browser it may start). `finished` checks it
 // ended with "ok" within timeoutMs; its diagnosis is on stderr, shown with the failure.

@@ -2,38 +2,22 @@
 // process, possibly written by another version of it: whatever the bytes, decoding must not crash, a
 // record it accepts must survive being written and read again unchanged, and the queue listing must
 // read it from disk as decode reads it from memory.
-#include "ScratchFile.h"
+#include "FuzzInput.h"
 #include "bridge/BridgeRequest.h"
 #include "bridge/RequestStore.h"
 
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 #include <cmath>
-#include <cstdint>
-#include <cstdlib>
 
 using namespace velnora;
 
-namespace {
-
-RequestStore& store()
-{
-    static QTemporaryDir folder(QDir::tempPath() + QStringLiteral("/fuzz_bridge_request-XXXXXX"));
-    static RequestStore instance(folder.path());
-    return instance;
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    const QByteArray bytes(reinterpret_cast<const char*>(data), qsizetype(size));
+    const QByteArray bytes = fuzzBytes(data, size);
     const std::optional<BridgeRequest> request = BridgeRequest::decode(bytes);
     if (request && std::isfinite(request->createdAt)) {
         const std::optional<BridgeRequest> again = BridgeRequest::decode(request->encode());
         if (!again || *again != *request) {
-            std::abort(); // an accepted record changes when written back
+            fuzzFault("an accepted record changes when written back");
         }
     }
     if (request) {
@@ -42,13 +26,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         (void)RequestStore::isAtomicWriteTemporary(request->id);
     }
 
-    RequestStore& queue = store();
+    static RequestStore queue(scratchFolder().path());
     queue.ensureDirectories();
     const QString path = QDir(queue.queueDirectory()).filePath(QStringLiteral("record.json"));
     writeScratchFile(path, bytes);
     const std::vector<RequestStore::Pending> pending = queue.pendingRequests();
     if (pending.size() != (request ? 1u : 0u) || (request && !(pending.front().request == *request))) {
-        std::abort(); // the listing and decode disagree
+        fuzzFault("the listing and decode disagree");
     }
     QFile::remove(path);
     return 0;

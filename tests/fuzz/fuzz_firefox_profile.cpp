@@ -1,28 +1,19 @@
 // libFuzzer target for Firefox's profile files that the bridge diagnosis reads. Input: "profiles.ini",
 // then the default profile's "extensions.json" and "lock" link target, separated by NUL bytes. Firefox,
 // other programs and hand edits may leave anything there; the probe must answer and never crash.
-#include "ScratchFile.h"
+#include "FuzzInput.h"
 #include "bridge/FirefoxBrowser.h"
 #include "config/ProviderCatalog.h"
-
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
-#include <cstdint>
-#include <cstdlib>
 
 using namespace velnora;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static QTemporaryDir root(QDir::tempPath() + QStringLiteral("/fuzz_firefox_profile-XXXXXX"));
-    const QDir folder(root.path());
-    const QString profile = folder.filePath(QStringLiteral("abc.default"));
-    folder.mkpath(QStringLiteral("abc.default"));
-
-    const QList<QByteArray> parts =
-        QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)).split('\0');
-    writeScratchFile(folder.filePath(QStringLiteral("profiles.ini")), parts.value(0));
+    const QDir root = scratchFolder();
+    root.mkpath(QStringLiteral("abc.default"));
+    const QString profile = root.filePath(QStringLiteral("abc.default"));
+    const QList<QByteArray> parts = fuzzBytes(data, size).split('\0');
+    writeScratchFile(root.filePath(QStringLiteral("profiles.ini")), parts.value(0));
     writeScratchFile(profile + QStringLiteral("/extensions.json"), parts.value(1));
     const QString lock = profile + QStringLiteral("/lock");
     QFile::remove(lock);
@@ -32,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     const std::optional<QString> chosen = FirefoxBrowser::defaultProfile(root.path());
     if (chosen && chosen->isEmpty()) {
-        std::abort(); // a profile is a folder, never nothing
+        fuzzFault("an empty profile folder");
     }
     for (const QString& identifier :
          {ExplainerConstants::firefoxExtensionIdentifier(), ExplainerConstants::extensionIdentifier()}) {

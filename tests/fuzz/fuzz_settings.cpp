@@ -1,23 +1,16 @@
 // libFuzzer target for the stored settings: the input is the settings file, as a user's hand edit or an
 // older version may have left it. Every read must give a usable value, and resolving the API provider may
 // refuse only with a ConfigurationError, whose text the settings window shows.
-#include "ScratchFile.h"
+#include "FuzzInput.h"
 #include "config/ConfigurationError.h"
 #include "config/ConfigurationStore.h"
-
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
-#include <cstdint>
-#include <cstdlib>
 
 using namespace velnora;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static QTemporaryDir folder(QDir::tempPath() + QStringLiteral("/fuzz_settings-XXXXXX"));
-    const QString path = QDir(folder.path()).filePath(QStringLiteral("velnora-domestic.conf"));
-    writeScratchFile(path, QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)));
+    const QString path = scratchFolder().filePath(QStringLiteral("velnora-domestic.conf"));
+    writeScratchFile(path, fuzzBytes(data, size));
     QFile::remove(path + QStringLiteral(".unreadable")); // set-aside lines would pile up run after run
 
     const ConfigurationStore store(path);
@@ -28,21 +21,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     (void)store.globalHotKeyID();
     (void)store.lastKnownGoodProvider();
     if (store.apiProviderID().isEmpty() || store.systemPrompt().isNull()) {
-        std::abort(); // the provider falls back to the default one; the prompt is text
+        fuzzFault("no provider to fall back to, or no prompt text");
     }
     for (const QString& id : store.providerOverrides().keys()) {
         if (!store.providerOverride(id)) {
-            std::abort(); // an override listed but not found
+            fuzzFault("an override listed but not found");
         }
     }
     try {
         const ResolvedProviderConfiguration resolved = store.resolvedProvider(QStringLiteral(" 密钥 "));
         if (resolved.apiKey != u"密钥" || resolved.model.isEmpty()) {
-            std::abort(); // resolved without a trimmed key or a model
+            fuzzFault("resolved without a trimmed key or a model");
         }
     } catch (const ConfigurationError& error) {
         if (error.description().isEmpty()) {
-            std::abort(); // every refusal has a text to show
+            fuzzFault("a refusal without a text to show");
         }
     }
     return 0;

@@ -33,11 +33,9 @@ for file in "$written"/markdown/* "$source_dir"/tests/e2e/standins/pages/*.html;
   { printf '\x10\x20'; cat "$file"; } >"$out/markdown/$(basename "$file")"
 done
 
-cp "$written"/bridge_request/* "$out/bridge_request/"
-cp "$written"/release_manifest/* "$out/release_manifest/"
-cp "$written"/chrome_profile/* "$out/chrome_profile/"
-cp "$written"/firefox_profile/* "$out/firefox_profile/"
-cp "$written"/settings/* "$out/settings/"
+for name in bridge_request release_manifest chrome_profile firefox_profile settings; do
+  cp "$written/$name"/* "$out/$name/"
+done
 
 # Native-messaging frames: the messages the extension sends, each as Chrome frames it (a 32-bit length in
 # native byte order, then the JSON), one frame per line of a seed file.
