@@ -102,7 +102,7 @@ TEST_F(DelegateCaptureTest, TheLastActiveApplicationIsTheOneTheWindowManagerLast
     ASSERT_FALSE(window.isEmpty());
     ASSERT_TRUE(runTool(QStringLiteral("xprop"), {"-root", "-f", "_NET_ACTIVE_WINDOW", "32x", "-set",
                                                   "_NET_ACTIVE_WINDOW", QString::fromLatin1(window)}));
-    EXPECT_TRUE(spinUntil([&] { return delegate->lastActiveApplicationPID() == gtk.processId(); }, 3000));
+    EXPECT_TRUE(waitUntil([&] { return delegate->lastActiveApplicationPID() == gtk.processId(); }, 3000));
     runTool(QStringLiteral("xprop"), {"-root", "-remove", "_NET_ACTIVE_WINDOW"});
 }
 
@@ -117,7 +117,7 @@ TEST_F(DelegateCaptureTest, ASecondExplainDuringAReadSaysSoAndTheFirstReadGoesOn
     QTimer::singleShot(700, delegate.get(), [&] { delegate->explainCurrentSelection(); });
     BackgroundTool keys(QStringLiteral("xdotool"),
                         {"keydown", "ctrl+alt+e", "sleep", "1.5", "keyup", "ctrl+alt+e"});
-    ASSERT_TRUE(spinUntil([] { return !RequestStore().pendingRequests().empty(); }, 8000));
+    ASSERT_TRUE(waitUntil([] { return !RequestStore().pendingRequests().empty(); }, 8000));
     EXPECT_EQ(RequestStore().pendingRequests().front().request.text, CaptureTestData::selectedTrimmed);
     EXPECT_TRUE(delegate->feedback()->history().contains(
         SelectionReadError(SelectionReadError::Case::noSelection).description()))
@@ -132,9 +132,9 @@ TEST_F(DelegateCaptureTest, SigtermQuitsReleasingTheKeyAndHandingTheClipboardToT
     std::optional<BackgroundTool> earlier(std::in_place, QStringLiteral("xclip"),
                                           QStringList{"-quiet", "-selection", "clipboard"},
                                           CaptureTestData::earlierText);
-    ASSERT_TRUE(spinUntil([] { return clipboardText() == CaptureTestData::earlierText; }, 5000));
+    ASSERT_TRUE(waitUntil([] { return clipboardText() == CaptureTestData::earlierText; }, 5000));
     BackgroundTool app(velnoraBinary(), {});
-    ASSERT_TRUE(spinUntil([] { return !keyIsFree(); }, 10000)) << "the application never took the key";
+    ASSERT_TRUE(waitUntil([] { return !keyIsFree(); }, 10000)) << "the application never took the key";
     // MATE's clipboard manager keeps a clipboard only when its owner asks it to (SAVE_TARGETS). Its other
     // plugins stay off: they would change the display's settings for every later test.
     QFile keyfile(m_home.configHome() + QStringLiteral("/glib-2.0/settings/keyfile"));
@@ -156,7 +156,7 @@ TEST_F(DelegateCaptureTest, SigtermQuitsReleasingTheKeyAndHandingTheClipboardToT
     ASSERT_TRUE(runTool(QStringLiteral("xdotool"), {"key", "ctrl+alt+e"}));
     ASSERT_TRUE(earlier->finished(8000)) << "the copy never took the clipboard";
     earlier.reset();
-    ASSERT_TRUE(spinUntil([] { return clipboardText() == CaptureTestData::earlierText; }, 5000));
+    ASSERT_TRUE(waitUntil([] { return clipboardText() == CaptureTestData::earlierText; }, 5000));
 
     ::kill(pid_t(app.processId()), SIGTERM);
     ASSERT_TRUE(app.finished(10000));

@@ -26,7 +26,7 @@
 namespace velnora {
 namespace {
 
-using test::spinUntil;
+using test::waitUntil;
 
 class DesktopSessionTest : public ::testing::Test
 {
@@ -75,7 +75,7 @@ protected:
         m_app.setProcessEnvironment(environment);
         m_app.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_app.start(command.first(), command.mid(1));
-        return spinUntil([&] { return test::DesktopProbe::embeddedTrayIcon(m_app.processId()).has_value(); },
+        return waitUntil([&] { return test::DesktopProbe::embeddedTrayIcon(m_app.processId()).has_value(); },
                          15000);
     }
 
@@ -112,14 +112,14 @@ TEST_F(DesktopSessionTest, BrowserRequestsAreCountedAsTheUserSeesAndOnlyLostOnes
     EXPECT_TRUE(pending().empty());
     EXPECT_EQ(delegate->feedback()->currentText(),
               SelectionReadError(SelectionReadError::Case::selectionTooLong).description());
-    spinUntil([] { return false; }, 600); // past both checks of the delivered request
+    waitUntil([] { return false; }, 600); // past both checks of the delivered request
     for (const QString& text : delegate->feedback()->history()) {
         EXPECT_FALSE(lostTexts.contains(text)) << text.toStdString();
     }
 
     // Nobody takes this one: the second check names why.
     delegate->route(SelectionResult{"没人接收", std::nullopt});
-    EXPECT_TRUE(spinUntil([&] { return lostTexts.contains(delegate->feedback()->currentText()); }, 3000))
+    EXPECT_TRUE(waitUntil([&] { return lostTexts.contains(delegate->feedback()->currentText()); }, 3000))
         << delegate->feedback()->history().join(u'|').toStdString();
 }
 
@@ -216,7 +216,7 @@ TEST_F(DesktopSessionTest, TheUpdatesPreviewEndsWhenItsWindowCloses)
     QProcess preview;
     preview.start(test::velnoraBinary(), {"--updates-preview"});
     std::optional<QString> window;
-    spinUntil(
+    waitUntil(
         [&] {
             const auto found = test::runTool("xdotool", {"search", "--onlyvisible", "--name", "关于 — 澜镜"});
             window = found ? std::optional(QString::fromUtf8(*found)) : std::nullopt;
@@ -250,13 +250,13 @@ TEST_F(DesktopSessionTest, OneShotProcessesDriveTheRunningInstance)
     // The one-shot processes talk to this one over the bus while the event loop runs.
     EXPECT_EQ(test::runTool(test::velnoraBinary(), {"--explain-selection", "  从命令行来的文字 "}),
               "explain-selection: ok\n");
-    ASSERT_TRUE(spinUntil([&] { return pending().size() == 1; }, 3000));
+    ASSERT_TRUE(waitUntil([&] { return pending().size() == 1; }, 3000));
     EXPECT_EQ(pending().front().request.text, "从命令行来的文字");
 
     // A second application instance hands over to this one and leaves.
     EXPECT_EQ(delegate->settingsWindow(), nullptr);
     EXPECT_TRUE(test::runTool(test::velnoraBinary(), {}).has_value());
-    EXPECT_TRUE(spinUntil(
+    EXPECT_TRUE(waitUntil(
         [&] { return delegate->settingsWindow() && delegate->settingsWindow()->isVisible(); }, 3000));
 }
 
@@ -266,7 +266,7 @@ TEST_F(DesktopSessionTest, HotKeyInBrowserModeQueuesTheSelectedText)
     ConfigurationStore().setExplanationDepth(ExplanationDepth::deep);
     ASSERT_TRUE(startApplication({test::velnoraBinary()}));
     explainSelectionByHotKey();
-    ASSERT_TRUE(spinUntil([&] { return !pending().empty(); }, 10000));
+    ASSERT_TRUE(waitUntil([&] { return !pending().empty(); }, 10000));
     const BridgeRequest request = pending().front().request;
     EXPECT_EQ(request.text, test::CaptureTestData::selectedTrimmed);
     EXPECT_EQ(request.provider, "glm");
@@ -295,7 +295,7 @@ TEST_F(DesktopSessionTest, HotKeyInApiModeStreamsTheAnswerIntoTheCard)
     ASSERT_TRUE(
         startApplication(authority->privateTrustCommand(test::velnoraBinary(), {}), proxy.proxyURL()));
     explainSelectionByHotKey();
-    ASSERT_TRUE(spinUntil([&] { return !proxy.requests().isEmpty(); }, 15000));
+    ASSERT_TRUE(waitUntil([&] { return !proxy.requests().isEmpty(); }, 15000));
     const QByteArray request = proxy.requests().first();
     EXPECT_TRUE(request.startsWith("POST /api/v3/responses HTTP/1.1")) << request.constData();
     EXPECT_TRUE(request.contains("Bearer sk-e2e-only"));
@@ -303,7 +303,7 @@ TEST_F(DesktopSessionTest, HotKeyInApiModeStreamsTheAnswerIntoTheCard)
 
     const qint64 pid = m_app.processId();
     const auto content = [pid] { return test::DesktopProbe::accessibleContent(pid).value_or(QString()); };
-    EXPECT_TRUE(spinUntil([&] { return content().contains("量子纠缠是两个粒子之间的关联。"); }, 10000))
+    EXPECT_TRUE(waitUntil([&] { return content().contains("量子纠缠是两个粒子之间的关联。"); }, 10000))
         << content().toStdString();
     EXPECT_TRUE(test::DesktopProbe::shownWindow(pid, 200, 100).has_value());
     KeychainStore().saveAPIKey(QString(), "doubao");
