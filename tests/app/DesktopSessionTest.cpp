@@ -8,7 +8,6 @@
 #include "InterceptingProxy.h"
 #include "app/AppDelegate.h"
 #include "app/FeedbackPresenter.h"
-#include "app/FirstRunHint.h"
 #include "app/ProcessArguments.h"
 #include "app/settings/FieldMarks.h"
 #include "capture/GlobalHotKey.h"
@@ -22,7 +21,6 @@
 #include <QFile>
 #include <QKeySequenceEdit>
 #include <QLineEdit>
-#include <QSettings>
 #include <QStandardPaths>
 #include <QTimer>
 #include <csignal>

@@ -15,7 +15,6 @@
 #include "config/ProviderCatalog.h"
 #include "config/SecretServiceBackend.h"
 #include "llm/ProviderDiagnostics.h"
-#include "overlay/OverlayStyle.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/TestEnvironment.h"
 #include "updates/ProductRelease.h"
