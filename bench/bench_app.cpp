@@ -108,7 +108,7 @@ public:
     ~Application()
     {
         m_process.terminate();
-        if (!spinUntil([&] { return m_process.state() == QProcess::NotRunning; }, 5000)) {
+        if (!waitUntil([&] { return m_process.state() == QProcess::NotRunning; }, 5000)) {
             m_process.kill();
             m_process.waitForFinished(2000);
         }
@@ -117,7 +117,7 @@ public:
     // Milliseconds from start until the tray host shows the icon; -1 after 15 s.
     double trayReadyMs()
     {
-        return spinUntil([&] { return DesktopProbe::embeddedTrayIcon(pid()).has_value(); }, 15000)
+        return waitUntil([&] { return DesktopProbe::embeddedTrayIcon(pid()).has_value(); }, 15000)
                    ? m_clock.nsecsElapsed() / 1e6
                    : -1;
     }
@@ -133,7 +133,7 @@ double hotKeyToCardMs(qint64 pid)
     QElapsedTimer clock;
     clock.start();
     pressHotKey();
-    const bool shown = spinUntil([&] { return DesktopProbe::shownWindow(pid, 200, 100).has_value(); }, 10000);
+    const bool shown = waitUntil([&] { return DesktopProbe::shownWindow(pid, 200, 100).has_value(); }, 10000);
     return shown ? clock.nsecsElapsed() / 1e6 : -1;
 }
 
@@ -195,14 +195,14 @@ void measureFootprint(const QStringList& command, const QStringList& environment
                       {QStringLiteral("--explain-selection"), QStringLiteral("解释一下内存占用")});
         explain.waitForFinished(10000);
         std::optional<DesktopProbe::Window> card;
-        spinUntil([&] { return (card = DesktopProbe::shownWindow(app.pid(), 200, 100)).has_value(); }, 10000);
+        waitUntil([&] { return (card = DesktopProbe::shownWindow(app.pid(), 200, 100)).has_value(); }, 10000);
         spinFor(60 * 20 + 1500); // the answer streams to its end
         if (!card) {
             std::puts("bench_app: no card appeared");
             return;
         }
         askWindowToClose(*card);
-        spinUntil([&] { return !DesktopProbe::shownWindow(app.pid(), 200, 100).has_value(); }, 5000);
+        waitUntil([&] { return !DesktopProbe::shownWindow(app.pid(), 200, 100).has_value(); }, 5000);
         spinFor(3000);
         afterCard.sample(app.pid());
     }

@@ -1,13 +1,13 @@
 // The tray application inside the private desktop session (real settings, queue folder, session bus and
-// keyring; PATH holds no browser): first the delegate in this process, then the velnora process as the
-// user runs it, under a tray host, driven by the hot key pressed through XTest.
+// keyring; PATH holds the tools but no browser): the delegate in this process, and the velnora process as
+// the user runs it, under a tray host or beside MATE's clipboard manager, driven by the hot key pressed
+// through XTest.
 #include "CaptureDesktopSupport.h"
 #include "CaptureTestData.h"
 #include "DesktopProbe.h"
 #include "InterceptingProxy.h"
 #include "app/AppDelegate.h"
 #include "app/FeedbackPresenter.h"
-#include "app/FirstRunHint.h"
 #include "app/ProcessArguments.h"
 #include "app/settings/FieldMarks.h"
 #include "capture/GlobalHotKey.h"
@@ -16,17 +16,22 @@
 
 #include <QComboBox>
 #include <QCoreApplication>
+#include <QDir>
 #include <QEvent>
+#include <QFile>
 #include <QKeySequenceEdit>
 #include <QLineEdit>
-#include <QSettings>
 #include <QStandardPaths>
+#include <QTimer>
+#include <csignal>
 #include <gtest/gtest.h>
 
 namespace velnora {
 namespace {
 
-using test::spinUntil;
+using namespace test;
+
+const HotKeyChoice& ctrlAltE = HotKeyChoice::choice(QStringLiteral("option-command-e"));
 
 class DesktopSessionTest : public ::testing::Test
 {
@@ -40,6 +45,10 @@ protected:
         ConfigurationStore().setDidShowVersion2Setup(true);
         // Bare Xvfb has no tray: without this every launch of the delegate would open the settings.
         ConfigurationStore().setDidShowNoTrayHint(true);
+        // The tools, but no browser for a queued request to start.
+        for (const char* tool : {"xclip", "xdotool", "xprop", "wish", "mate-settings-daemon"}) {
+            QFile::link(QStandardPaths::findExecutable(tool), m_noBrowser.filePath(tool));
+        }
     }
 
     void TearDown() override
@@ -53,7 +62,7 @@ protected:
     // The delegate launched the way the application launches it, with short delivery checks.
     std::unique_ptr<AppDelegate> launch()
     {
-        m_environment.set("PATH", m_emptyPath.path().toUtf8());
+        m_environment.set("PATH", m_noBrowser.path().toUtf8());
         AppDelegate::Options options;
         options.firstDeliveryCheckMs = 100;
         options.secondDeliveryCheckMs = 300;
@@ -69,32 +78,32 @@ protected:
         m_trayHost.start(
             "trayer", {"--edge", "bottom", "--align", "right", "--widthtype", "request", "--height", "24"});
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("PATH", m_emptyPath.path());
+        environment.insert("PATH", m_noBrowser.path());
         environment.insert("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
         environment.insert("https_proxy", proxy);
         m_app.setProcessEnvironment(environment);
         m_app.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_app.start(command.first(), command.mid(1));
-        return spinUntil([&] { return test::DesktopProbe::embeddedTrayIcon(m_app.processId()).has_value(); },
+        return waitUntil([&] { return DesktopProbe::embeddedTrayIcon(m_app.processId()).has_value(); },
                          15000);
-    }
-
-    // Selects the text in a Qt program's field and presses the hot key.
-    void explainSelectionByHotKey()
-    {
-        m_fields.emplace(QStringList{"fields"}, true);
-        ASSERT_TRUE(m_fields->readyLine().startsWith("ready"));
-        ASSERT_TRUE(test::runTool("xdotool", {"key", "ctrl+alt+e"}).has_value());
     }
 
     static std::vector<RequestStore::Pending> pending() { return RequestStore().pendingRequests(); }
 
-    test::TemporaryHome m_home;
-    QTemporaryDir m_emptyPath;
-    test::EnvironmentGuard m_environment;
+    // Whether another client could take Ctrl+Alt+E now; it gives the key back at once.
+    static bool keyIsFree()
+    {
+        GlobalHotKey probe;
+        const bool free = probe.registerChoice(ctrlAltE, [] {});
+        probe.release();
+        return free;
+    }
+
+    TemporaryHome m_home;
+    QTemporaryDir m_noBrowser;
+    EnvironmentGuard m_environment;
     QProcess m_trayHost;
     QProcess m_app;
-    std::optional<test::TestClient> m_fields;
 };
 
 TEST_F(DesktopSessionTest, BrowserRequestsAreCountedAsTheUserSeesAndOnlyLostOnesReported)
@@ -112,14 +121,14 @@ TEST_F(DesktopSessionTest, BrowserRequestsAreCountedAsTheUserSeesAndOnlyLostOnes
     EXPECT_TRUE(pending().empty());
     EXPECT_EQ(delegate->feedback()->currentText(),
               SelectionReadError(SelectionReadError::Case::selectionTooLong).description());
-    spinUntil([] { return false; }, 600); // past both checks of the delivered request
+    waitUntil([] { return false; }, 600); // past both checks of the delivered request
     for (const QString& text : delegate->feedback()->history()) {
         EXPECT_FALSE(lostTexts.contains(text)) << text.toStdString();
     }
 
     // Nobody takes this one: the second check names why.
     delegate->route(SelectionResult{"没人接收", std::nullopt});
-    EXPECT_TRUE(spinUntil([&] { return lostTexts.contains(delegate->feedback()->currentText()); }, 3000))
+    EXPECT_TRUE(waitUntil([&] { return lostTexts.contains(delegate->feedback()->currentText()); }, 3000))
         << delegate->feedback()->history().join(u'|').toStdString();
 }
 
@@ -213,64 +222,81 @@ TEST_F(DesktopSessionTest, ACustomHotKeyIsRecordedAndRegisteredAndATakenOneRefus
 
 TEST_F(DesktopSessionTest, TheUpdatesPreviewEndsWhenItsWindowCloses)
 {
-    QProcess preview;
-    preview.start(test::velnoraBinary(), {"--updates-preview"});
-    std::optional<QString> window;
-    spinUntil(
+    BackgroundTool preview(velnoraBinary(), {"--updates-preview"});
+    std::optional<QByteArray> window;
+    ASSERT_TRUE(waitUntil(
         [&] {
-            const auto found = test::runTool("xdotool", {"search", "--onlyvisible", "--name", "关于 — 澜镜"});
-            window = found ? std::optional(QString::fromUtf8(*found)) : std::nullopt;
-            return window && !window->trimmed().isEmpty();
+            window = runTool("xdotool", {"search", "--onlyvisible", "--name", "关于 — 澜镜"});
+            return window.has_value();
         },
-        15000);
-    ASSERT_TRUE(window && !window->trimmed().isEmpty());
-    const QString id = window->trimmed().section('\n', 0, 0);
-    test::runTool("xdotool", {"windowfocus", "--sync", id});
-    ASSERT_EQ(preview.state(), QProcess::Running);
-    test::runTool("xdotool", {"key", "Escape"});
-    // waitForFinished is false for a process that already ended.
-    EXPECT_TRUE(preview.waitForFinished(10000) || preview.state() == QProcess::NotRunning);
-    EXPECT_EQ(preview.exitCode(), 0);
-    if (preview.state() != QProcess::NotRunning) {
-        preview.kill();
-        preview.waitForFinished();
+        15000));
+    runTool("xdotool", {"windowfocus", "--sync", window->split('\n').first()});
+    runTool("xdotool", {"key", "Escape"});
+    EXPECT_TRUE(preview.finished(10000));
+    EXPECT_TRUE(preview.exitedCleanly());
+}
+
+// Processes of this display that carry a D-Bus daemon's name, as an autolaunch leaves them behind.
+QStringList busDaemonsOnThisDisplay()
+{
+    QStringList found;
+    const QByteArray display = "DISPLAY=" + qgetenv("DISPLAY");
+    for (const QString& pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        QFile command(QStringLiteral("/proc/%1/cmdline").arg(pid));
+        QFile environment(QStringLiteral("/proc/%1/environ").arg(pid));
+        if (!command.open(QIODevice::ReadOnly) || !environment.open(QIODevice::ReadOnly)) {
+            continue;
+        }
+        const QByteArray name = command.readAll().split('\0').value(0);
+        if (name.contains("dbus-") && environment.readAll().split('\0').contains(display)) {
+            found.append(pid + QStringLiteral(" ") + QString::fromLocal8Bit(name));
+        }
     }
+    return found;
 }
 
 TEST_F(DesktopSessionTest, OneShotProcessesDriveTheRunningInstance)
 {
-    QProcess alone; // no instance runs: nothing answers on the bus, so waiting blocked is fine
-    alone.start(test::velnoraBinary(), {"--explain-selection"});
-    ASSERT_TRUE(alone.waitForFinished(10000));
-    EXPECT_EQ(alone.exitCode(), 2);
-    EXPECT_TRUE(
-        QString::fromUtf8(alone.readAllStandardOutput()).startsWith("explain-selection: 澜镜没有在运行"));
+    // Alone, or without a session bus (then without autolaunching one), it says why and ends at once.
+    const QStringList daemons = busDaemonsOnThisDisplay();
+    QTemporaryDir emptyRuntime;
+    const struct
+    {
+        bool bus;
+        int exitCode;
+        const char* says;
+    } alone[] = {
+        {true, 2, "explain-selection: 澜镜没有在运行"},
+        {false, 1, "explain-selection: 没有正在运行的 D-Bus 会话总线"},
+    };
+    for (const auto& c : alone) {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        if (!c.bus) {
+            environment.remove("DBUS_SESSION_BUS_ADDRESS");
+            environment.insert("XDG_RUNTIME_DIR", emptyRuntime.path());
+        }
+        QProcess explain;
+        explain.setProcessEnvironment(environment);
+        explain.start(velnoraBinary(), {"--explain-selection"});
+        ASSERT_TRUE(explain.waitForFinished(10000));
+        EXPECT_EQ(explain.exitCode(), c.exitCode) << c.says;
+        EXPECT_TRUE(QString::fromUtf8(explain.readAllStandardOutput()).startsWith(c.says)) << c.says;
+    }
+    spinFor(300);
+    EXPECT_EQ(busDaemonsOnThisDisplay().join(u',').toStdString(), daemons.join(u',').toStdString());
 
     auto delegate = launch();
     // The one-shot processes talk to this one over the bus while the event loop runs.
-    EXPECT_EQ(test::runTool(test::velnoraBinary(), {"--explain-selection", "  从命令行来的文字 "}),
+    EXPECT_EQ(runTool(velnoraBinary(), {"--explain-selection", "  从命令行来的文字 "}),
               "explain-selection: ok\n");
-    ASSERT_TRUE(spinUntil([&] { return pending().size() == 1; }, 3000));
+    ASSERT_TRUE(waitUntil([&] { return pending().size() == 1; }, 3000));
     EXPECT_EQ(pending().front().request.text, "从命令行来的文字");
 
     // A second application instance hands over to this one and leaves.
     EXPECT_EQ(delegate->settingsWindow(), nullptr);
-    EXPECT_TRUE(test::runTool(test::velnoraBinary(), {}).has_value());
-    EXPECT_TRUE(spinUntil(
+    EXPECT_TRUE(runTool(velnoraBinary(), {}).has_value());
+    EXPECT_TRUE(waitUntil(
         [&] { return delegate->settingsWindow() && delegate->settingsWindow()->isVisible(); }, 3000));
-}
-
-TEST_F(DesktopSessionTest, HotKeyInBrowserModeQueuesTheSelectedText)
-{
-    ConfigurationStore().setBrowserProvider(BrowserProvider::glm);
-    ConfigurationStore().setExplanationDepth(ExplanationDepth::deep);
-    ASSERT_TRUE(startApplication({test::velnoraBinary()}));
-    explainSelectionByHotKey();
-    ASSERT_TRUE(spinUntil([&] { return !pending().empty(); }, 10000));
-    const BridgeRequest request = pending().front().request;
-    EXPECT_EQ(request.text, test::CaptureTestData::selectedTrimmed);
-    EXPECT_EQ(request.provider, "glm");
-    EXPECT_EQ(request.depthInstruction, depthInstruction(ExplanationDepth::deep));
 }
 
 // The provider's HTTPS server is played by a loopback proxy that the app reaches through https_proxy
@@ -279,34 +305,131 @@ TEST_F(DesktopSessionTest, HotKeyInApiModeStreamsTheAnswerIntoTheCard)
 {
     const QString host = QUrl(ProviderDefinition::definition("doubao").defaultBaseURL).host();
     QString error;
-    const auto authority = test::InterceptionAuthority::create(host, &error);
+    const auto authority = InterceptionAuthority::create(host, &error);
     ASSERT_TRUE(authority.has_value()) << error.toStdString();
-    if (!test::InterceptionAuthority::privateTrustAvailable()) {
+    if (!InterceptionAuthority::privateTrustAvailable()) {
         GTEST_SKIP()
             << "no private mount namespace here: the certificate cannot be trusted by one process only";
     }
-    test::InterceptingProxy proxy(*authority);
-    proxy.setAnswer(test::InterceptingProxy::responsesStream({"**量子**", "纠缠是两个粒子", "之间的关联。"}),
-                    40);
+    InterceptingProxy proxy(*authority);
+    proxy.setAnswer(InterceptingProxy::responsesStream({"**量子**", "纠缠是两个粒子", "之间的关联。"}), 40);
     ConfigurationStore().setExecutionMode(ExecutionMode::api);
     ConfigurationStore().setApiProviderID("doubao");
     KeychainStore().saveAPIKey("sk-e2e-only", "doubao");
 
-    ASSERT_TRUE(
-        startApplication(authority->privateTrustCommand(test::velnoraBinary(), {}), proxy.proxyURL()));
-    explainSelectionByHotKey();
-    ASSERT_TRUE(spinUntil([&] { return !proxy.requests().isEmpty(); }, 15000));
+    ASSERT_TRUE(startApplication(authority->privateTrustCommand(velnoraBinary(), {}), proxy.proxyURL()));
+    TestClient fields({"fields"}, true);
+    ASSERT_TRUE(fields.readyLine().startsWith("ready"));
+    ASSERT_TRUE(runTool("xdotool", {"key", "ctrl+alt+e"}));
+    ASSERT_TRUE(waitUntil([&] { return !proxy.requests().isEmpty(); }, 15000));
     const QByteArray request = proxy.requests().first();
     EXPECT_TRUE(request.startsWith("POST /api/v3/responses HTTP/1.1")) << request.constData();
     EXPECT_TRUE(request.contains("Bearer sk-e2e-only"));
-    EXPECT_TRUE(request.contains(test::CaptureTestData::selectedTrimmed));
+    EXPECT_TRUE(request.contains(CaptureTestData::selectedTrimmed));
 
     const qint64 pid = m_app.processId();
-    const auto content = [pid] { return test::DesktopProbe::accessibleContent(pid).value_or(QString()); };
-    EXPECT_TRUE(spinUntil([&] { return content().contains("量子纠缠是两个粒子之间的关联。"); }, 10000))
+    const auto content = [pid] { return DesktopProbe::accessibleContent(pid).value_or(QString()); };
+    EXPECT_TRUE(waitUntil([&] { return content().contains("量子纠缠是两个粒子之间的关联。"); }, 10000))
         << content().toStdString();
-    EXPECT_TRUE(test::DesktopProbe::shownWindow(pid, 200, 100).has_value());
+    EXPECT_TRUE(DesktopProbe::shownWindow(pid, 200, 100).has_value());
     KeychainStore().saveAPIKey(QString(), "doubao");
+}
+
+TEST_F(DesktopSessionTest, TheMenuShowsAHotKeyConflictUntilAnotherChoiceIsGrabbed)
+{
+    GlobalHotKey other;
+    ASSERT_TRUE(other.registerChoice(ctrlAltE, [] {}));
+    auto delegate = launch();
+    StatusMenu* menu = delegate->statusMenu();
+    EXPECT_TRUE(delegate->hotKey()->hasConflict());
+    EXPECT_EQ(menu->hotKeyMenu()->title(), StatusMenu::hotKeyConflictMenuTitle(ctrlAltE));
+    EXPECT_EQ(menu->hotKeyMenuItems().value(ctrlAltE.id)->text(),
+              StatusMenu::hotKeyConflictItemTitle(ctrlAltE));
+    EXPECT_TRUE(menu->hotKeyMenuItems().value(ctrlAltE.id)->isChecked());
+
+    const HotKeyChoice& ctrlSuperE = HotKeyChoice::choice(QStringLiteral("control-command-e"));
+    delegate->selectHotKey(ctrlSuperE.id);
+    EXPECT_FALSE(delegate->hotKey()->hasConflict());
+    EXPECT_EQ(menu->hotKeyMenu()->title(), StatusMenu::hotKeyMenuTitle(ctrlSuperE));
+    EXPECT_EQ(menu->hotKeyMenuItems().value(ctrlAltE.id)->text(), ctrlAltE.title);
+}
+
+// A window manager announces the active window on the root; xprop plays that part here.
+TEST_F(DesktopSessionTest, TheLastActiveApplicationIsTheOneTheWindowManagerLastNamed)
+{
+    auto delegate = launch();
+    BackgroundTool gtk = gtkSource({"entry"});
+    ASSERT_FALSE(gtk.readyLine().isEmpty());
+    const QByteArray window =
+        runTool(QStringLiteral("xdotool"), {"search", "--pid", QString::number(gtk.processId())})
+            .value_or("")
+            .split('\n')
+            .value(0);
+    ASSERT_FALSE(window.isEmpty());
+    ASSERT_TRUE(runTool(QStringLiteral("xprop"), {"-root", "-f", "_NET_ACTIVE_WINDOW", "32x", "-set",
+                                                  "_NET_ACTIVE_WINDOW", QString::fromLatin1(window)}));
+    EXPECT_TRUE(waitUntil([&] { return delegate->lastActiveApplicationPID() == gtk.processId(); }, 3000));
+    runTool(QStringLiteral("xprop"), {"-root", "-remove", "_NET_ACTIVE_WINDOW"});
+}
+
+TEST_F(DesktopSessionTest, ASecondExplainDuringAReadSaysSoAndTheFirstReadGoesOn)
+{
+    ConfigurationStore().setBrowserProvider(BrowserProvider::glm);
+    auto delegate = launch();
+    ASSERT_TRUE(delegate->isHotKeyRegistered());
+    BackgroundTool tk = tkSource();
+    ASSERT_TRUE(tk.readyLine().startsWith(QStringLiteral("ready")));
+    // The first read waits for the held keys; the menu's explain comes in meanwhile.
+    QTimer::singleShot(700, delegate.get(), [&] { delegate->explainCurrentSelection(); });
+    BackgroundTool keys(QStringLiteral("xdotool"),
+                        {"keydown", "ctrl+alt+e", "sleep", "1.5", "keyup", "ctrl+alt+e"});
+    ASSERT_TRUE(waitUntil([] { return !pending().empty(); }, 8000));
+    EXPECT_EQ(pending().front().request.text, CaptureTestData::selectedTrimmed);
+    EXPECT_TRUE(delegate->feedback()->history().contains(
+        SelectionReadError(SelectionReadError::Case::noSelection).description()))
+        << delegate->feedback()->history().join(u'|').toStdString();
+}
+
+TEST_F(DesktopSessionTest, SigtermQuitsReleasingTheKeyAndHandingTheClipboardToTheClipboardManager)
+{
+    if (QStandardPaths::findExecutable("mate-settings-daemon").isEmpty()) {
+        GTEST_SKIP() << "needs mate-settings-daemon (scripts/install-deps.sh)";
+    }
+    m_environment.set("PATH", m_noBrowser.path().toUtf8());
+    auto earlier = ownSelection("clipboard", CaptureTestData::earlierText);
+    ASSERT_TRUE(earlier);
+    BackgroundTool app(velnoraBinary(), {});
+    ASSERT_TRUE(waitUntil([] { return !keyIsFree(); }, 10000)) << "the application never took the key";
+    // MATE's clipboard manager keeps a clipboard only when its owner asks it to (SAVE_TARGETS). Its other
+    // plugins stay off: they would change the display's settings for every later test.
+    QFile keyfile(m_home.configHome() + QStringLiteral("/glib-2.0/settings/keyfile"));
+    ASSERT_TRUE(QDir().mkpath(m_home.configHome() + QStringLiteral("/glib-2.0/settings")));
+    ASSERT_TRUE(keyfile.open(QIODevice::WriteOnly));
+    for (const char* plugin : {"a11y-keyboard", "a11y-settings", "background", "datetime", "housekeeping",
+                               "keybindings", "keyboard", "media-keys", "mouse", "mpris", "rfkill",
+                               "smartcard", "sound", "typing-break", "xrandr", "xrdb", "xsettings"}) {
+        keyfile.write(QByteArray("[org/mate/settings-daemon/plugins/") + plugin + "]\nactive=false\n");
+    }
+    keyfile.close();
+    m_environment.set("GSETTINGS_BACKEND", "keyfile");
+    BackgroundTool manager(QStringLiteral("mate-settings-daemon"), {});
+    spinFor(2000); // it takes CLIPBOARD_MANAGER among its start-up work
+
+    // A copy from Tk: afterwards the application serves the restored clipboard, and xclip has gone.
+    BackgroundTool tk = tkSource();
+    ASSERT_TRUE(tk.readyLine().startsWith(QStringLiteral("ready")));
+    ASSERT_TRUE(runTool(QStringLiteral("xdotool"), {"key", "ctrl+alt+e"}));
+    ASSERT_TRUE(earlier->finished(8000)) << "the copy never took the clipboard";
+    earlier.reset();
+    ASSERT_TRUE(waitUntil([] { return !pending().empty(); }, 5000));
+    EXPECT_EQ(pending().front().request.text, CaptureTestData::selectedTrimmed);
+    ASSERT_TRUE(waitUntil([] { return clipboard("UTF8_STRING") == CaptureTestData::earlierText; }, 5000));
+
+    ::kill(pid_t(app.processId()), SIGTERM);
+    ASSERT_TRUE(app.finished(10000));
+    EXPECT_TRUE(app.exitedCleanly()) << "SIGTERM killed the application instead of quitting it";
+    EXPECT_EQ(clipboard("UTF8_STRING"), QByteArray(CaptureTestData::earlierText));
+    EXPECT_TRUE(keyIsFree()) << "the key stayed grabbed";
 }
 
 } // namespace

@@ -4,14 +4,16 @@
 
 #include <QAbstractButton>
 #include <QApplication>
+#include <QDir>
 #include <QLabel>
 #include <QStyle>
 #include <QStyleFactory>
 
 namespace velnora::test {
 
-QStringList clippedInEitherAppearance(QWidget* window)
+QStringList clippedInEitherAppearance(QWidget* window, const QString& shotName)
 {
+    const QString shots = qEnvironmentVariable("VELNORA_SHOT_DIR");
     // The card's own dark look, with greyed disabled controls so the shots show them as users do.
     QPalette dark = OverlayStyle::darkPalette();
     for (const QPalette::ColorRole role : {QPalette::ButtonText, QPalette::WindowText, QPalette::Text}) {
@@ -26,6 +28,9 @@ QStringList clippedInEitherAppearance(QWidget* window)
         QApplication::processEvents();
         window->adjustSize();
         QApplication::processEvents();
+        if (!shots.isEmpty() && !shotName.isEmpty()) {
+            window->grab().save(QDir(shots).filePath(shotName + '-' + look + ".png"));
+        }
         for (QLabel* label : window->findChildren<QLabel*>()) {
             const bool fits = label->wordWrap() ? label->heightForWidth(label->width()) <= label->height()
                                                 : label->sizeHint().width() <= label->width() &&

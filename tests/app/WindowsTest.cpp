@@ -15,7 +15,6 @@
 #include "config/ProviderCatalog.h"
 #include "config/SecretServiceBackend.h"
 #include "llm/ProviderDiagnostics.h"
-#include "overlay/OverlayStyle.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/TestEnvironment.h"
 #include "updates/ProductRelease.h"
@@ -155,6 +154,12 @@ TEST_F(WindowsTest, SavingStoresOnlyWhatDiffersFromTheDefaultsAndTheKeyInTheKeyr
     choose(window->generalPage()->depthBox(), "deep");
     api->modelBox()->setCurrentText(" deepseek-v4-pro ");
     retype(api->apiKeyField(), "  sk-first-key ");
+    // Edits of another service survive switching to it and back, and are saved together.
+    choose(api->providerBox(), "kimi");
+    EXPECT_EQ(api->apiKeyField()->text(), "");
+    api->modelBox()->setCurrentText("kimi-k2-turbo-preview");
+    choose(api->providerBox(), "deepseek");
+    EXPECT_EQ(api->apiKeyField()->text(), "  sk-first-key ");
     // When the change is announced, everything but the key (written off the main thread) is stored.
     std::optional<ProviderOverride> seenOverride;
     QObject::connect(&configuration, &ConfigurationStore::configurationDidChange,
@@ -162,13 +167,17 @@ TEST_F(WindowsTest, SavingStoresOnlyWhatDiffersFromTheDefaultsAndTheKeyInTheKeyr
     ASSERT_TRUE(save(window));
     EXPECT_EQ(configuration.executionMode(), ExecutionMode::api);
     EXPECT_EQ(configuration.explanationDepth(), ExplanationDepth::deep);
+    EXPECT_EQ(configuration.apiProviderID(), "deepseek");
     EXPECT_EQ(seenOverride, (ProviderOverride{"", "deepseek-v4-pro"}));
-    EXPECT_EQ(configuration.resolvedProvider("sk").model, "deepseek-v4-pro");
+    EXPECT_EQ(configuration.providerOverride("kimi"), (ProviderOverride{"", "kimi-k2-turbo-preview"}));
     EXPECT_EQ(storedKey("deepseek"), "sk-first-key");
     EXPECT_FALSE(window->isModified());
 
-    // Back to the default model: the entry goes away instead of repeating it; the untouched key stays.
+    // Back to the default models: the entries go away instead of repeating them; the untouched key stays.
     api->modelBox()->setCurrentText(ProviderDefinition::definition("deepseek").defaultModel);
+    choose(api->providerBox(), "kimi");
+    api->modelBox()->setCurrentText(ProviderDefinition::definition("kimi").defaultModel);
+    choose(api->providerBox(), "deepseek");
     ASSERT_TRUE(save(window));
     EXPECT_TRUE(configuration.providerOverrides().isEmpty());
     EXPECT_EQ(storedKey("deepseek"), "sk-first-key");
@@ -176,6 +185,17 @@ TEST_F(WindowsTest, SavingStoresOnlyWhatDiffersFromTheDefaultsAndTheKeyInTheKeyr
     retype(api->apiKeyField(), "");
     ASSERT_TRUE(save(window));
     EXPECT_EQ(storedKey("deepseek"), std::nullopt);
+
+    // An open window follows the tray menu, except where the user changed a choice.
+    configuration.setExecutionMode(ExecutionMode::browser);
+    EXPECT_EQ(window->generalPage()->modeBox()->currentData(), "browser");
+    EXPECT_FALSE(window->isModified());
+    choose(window->generalPage()->depthBox(), "fast");
+    configuration.setExplanationDepth(ExplanationDepth::balanced);
+    EXPECT_EQ(window->generalPage()->depthBox()->currentData(), "fast");
+    ASSERT_TRUE(save(window));
+    EXPECT_EQ(configuration.explanationDepth(), ExplanationDepth::fast);
+    EXPECT_EQ(configuration.executionMode(), ExecutionMode::browser);
 }
 
 TEST_F(WindowsTest, ARefusedAddressOrModelSavesNothingAndMarksItsField)
@@ -241,63 +261,8 @@ TEST_F(WindowsTest, ARefusedAddressOrModelSavesNothingAndMarksItsField)
     }
 }
 
-TEST_F(WindowsTest, EditsOfEveryServiceSurviveASwitchAndAreSavedTogether)
-{
-    auto window = makeWindow();
-    ApiSettingsPage* api = window->apiPage();
-    choose(api->providerBox(), "deepseek");
-    retype(api->apiKeyField(), "sk-deepseek");
-    api->modelBox()->setCurrentText("deepseek-v4-pro");
-    choose(api->providerBox(), "kimi");
-    EXPECT_EQ(api->apiKeyField()->text(), "");
-    EXPECT_EQ(api->modelBox()->currentText(), ProviderDefinition::definition("kimi").defaultModel);
-    api->modelBox()->setCurrentText("kimi-k2-turbo-preview");
-    choose(api->providerBox(), "deepseek");
-    EXPECT_EQ(api->apiKeyField()->text(), "sk-deepseek");
-    EXPECT_EQ(api->modelBox()->currentText(), "deepseek-v4-pro");
-    EXPECT_TRUE(window->isModified());
-
-    ASSERT_TRUE(save(window));
-    EXPECT_EQ(configuration.providerOverride("deepseek"), (ProviderOverride{"", "deepseek-v4-pro"}));
-    EXPECT_EQ(configuration.providerOverride("kimi"), (ProviderOverride{"", "kimi-k2-turbo-preview"}));
-    EXPECT_EQ(configuration.apiProviderID(), "deepseek");
-    EXPECT_EQ(storedKey("deepseek"), "sk-deepseek");
-    EXPECT_FALSE(window->isModified());
-    keychain.saveAPIKey("", "deepseek");
-}
-
-TEST_F(WindowsTest, TheModelListShowsEveryFetchedModel)
-{
-    auto window = makeWindow(true);
-    ApiSettingsPage* api = window->apiPage();
-    choose(api->providerBox(), "deepseek");
-    retype(api->baseURLField(), server.url().toString());
-    retype(api->apiKeyField(), "sk-list");
-    const QStringList models{"deepseek-chat", "deepseek-coder", "deepseek-reasoner", "deepseek-v4-flash",
-                             "deepseek-v4-pro"};
-    QJsonArray data;
-    for (const QString& model : models) {
-        data.append(QJsonObject{{"id", model}});
-    }
-    server.enqueue(ScriptedResponse::json(200, QJsonDocument(QJsonObject{{"data", data}}).toJson()));
-    api->fetchModels();
-    ASSERT_TRUE(test::waitUntil([&] { return !window->isBusy(); }, 10000));
-    EXPECT_EQ(api->modelListResult()->text(), "5 个可用模型");
-    QStringList shown;
-    for (int index = 0; index < api->modelBox()->count(); ++index) {
-        shown << api->modelBox()->itemText(index);
-    }
-    EXPECT_EQ(shown, models);
-    api->modelBox()->hidePopup();
-    api->modelBox()->setCurrentIndex(2);
-    EXPECT_EQ(api->modelBox()->currentText(), "deepseek-reasoner");
-
-    // A later result replaces the earlier one instead of standing beside it.
-    api->testConnection();
-    EXPECT_EQ(api->modelListResult()->text(), "");
-}
-
-TEST_F(WindowsTest, TheTestRequestNamesTheKeyWhenItIsMissingOrRejected)
+// Both service buttons use what the form shows, saved or not, and save nothing.
+TEST_F(WindowsTest, TheTestRequestNamesAMissingOrRejectedKeyAndTheModelListShowsEveryModel)
 {
     auto window = makeWindow(true);
     ApiSettingsPage* api = window->apiPage();
@@ -319,10 +284,27 @@ TEST_F(WindowsTest, TheTestRequestNamesTheKeyWhenItIsMissingOrRejected)
     EXPECT_TRUE(api->testResult()->text().contains("服务端原文：Authentication Fails"));
     EXPECT_EQ(window->focusWidget(), api->apiKeyField());
     EXPECT_TRUE(FieldMarks::isMarked(api->apiKeyField()));
-
-    // The typed key was the one sent, and testing does not save it.
     EXPECT_EQ(server.requests().at(0).header("authorization"), "Bearer sk-typed-not-saved");
+
+    const QStringList models{"deepseek-chat", "deepseek-coder", "deepseek-reasoner", "deepseek-v4-flash",
+                             "deepseek-v4-pro"};
+    QJsonArray data;
+    for (const QString& model : models) {
+        data.append(QJsonObject{{"id", model}});
+    }
+    server.enqueue(ScriptedResponse::json(200, QJsonDocument(QJsonObject{{"data", data}}).toJson()));
+    api->fetchModels();
+    ASSERT_TRUE(test::waitUntil([&] { return !window->isBusy(); }, 10000));
+    EXPECT_EQ(api->modelListResult()->text(), "5 个可用模型");
+    QStringList shown;
+    for (int index = 0; index < api->modelBox()->count(); ++index) {
+        shown << api->modelBox()->itemText(index);
+    }
+    EXPECT_EQ(shown, models);
     EXPECT_EQ(storedKey("deepseek"), std::nullopt);
+    // A later result replaces the earlier one instead of standing beside it.
+    api->testConnection();
+    EXPECT_EQ(api->modelListResult()->text(), "");
 }
 
 TEST_F(WindowsTest, TheKeyboardSavesClosesAndMovesAsTheScreenReads)
@@ -331,8 +313,6 @@ TEST_F(WindowsTest, TheKeyboardSavesClosesAndMovesAsTheScreenReads)
     ApiSettingsPage* api = window->apiPage();
     window->tabs()->setCurrentWidget(api);
     EXPECT_EQ(window->closeButton()->nextInFocusChain(), window->saveButton());
-    EXPECT_EQ(api->baseURLField()->accessibleName(), "Base URL");
-    EXPECT_EQ(api->modelBox()->accessibleName(), "模型");
     // Every labelled field can be reached with Alt and its letter.
     for (QLabel* label : window->findChildren<QLabel*>()) {
         if (label->buddy()) {
@@ -358,11 +338,9 @@ TEST_F(WindowsTest, TheKeyboardSavesClosesAndMovesAsTheScreenReads)
         bool closes;
     } answers[] = {{"取消", false}, {"不保存", true}};
     for (const auto& answer : answers) {
-        QString question;
         QTimer::singleShot(0, [&] {
             auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
             ASSERT_NE(box, nullptr);
-            question = box->text();
             for (QAbstractButton* button : box->buttons()) {
                 if (button->text() == answer.answer) {
                     button->click();
@@ -370,7 +348,6 @@ TEST_F(WindowsTest, TheKeyboardSavesClosesAndMovesAsTheScreenReads)
             }
         });
         QTest::keyClick(api->systemPromptField(), Qt::Key_Escape);
-        EXPECT_EQ(question, "有尚未保存的修改。关闭前要保存吗？");
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         EXPECT_EQ(window.isNull(), answer.closes) << answer.answer;
     }
@@ -381,24 +358,6 @@ TEST_F(WindowsTest, TheKeyboardSavesClosesAndMovesAsTheScreenReads)
     QTest::keyClick(clean->apiPage()->baseURLField(), Qt::Key_Escape);
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     EXPECT_TRUE(clean.isNull());
-}
-
-TEST_F(WindowsTest, AnOpenWindowFollowsTheTrayMenuExceptWhereTheUserChangedAChoice)
-{
-    auto window = makeWindow();
-    GeneralSettingsPage* general = window->generalPage();
-    configuration.setExecutionMode(ExecutionMode::api);
-    EXPECT_EQ(general->modeBox()->currentData(), "api");
-    EXPECT_FALSE(window->isModified());
-
-    choose(general->depthBox(), "deep");
-    configuration.setExplanationDepth(ExplanationDepth::fast);
-    configuration.setExecutionMode(ExecutionMode::browser);
-    EXPECT_EQ(general->depthBox()->currentData(), "deep");
-    EXPECT_EQ(general->modeBox()->currentData(), "browser");
-    ASSERT_TRUE(save(window));
-    EXPECT_EQ(configuration.explanationDepth(), ExplanationDepth::deep);
-    EXPECT_EQ(configuration.executionMode(), ExecutionMode::browser);
 }
 
 // Closing right after saving waits for the key's write; a failed write keeps the window and the key.
@@ -445,16 +404,25 @@ TEST_F(WindowsTest, LaunchAtLoginIsSwitchedFromTheWindow)
     QSignalSpy announced(window.data(), &SettingsWindow::launchAtLoginChanged);
     box->click();
     EXPECT_TRUE(LaunchAtLogin::isEnabled());
-    EXPECT_TRUE(QFile::exists(LaunchAtLogin::autostartFilePath()));
     box->click();
     EXPECT_FALSE(LaunchAtLogin::isEnabled());
     EXPECT_EQ(announced.count(), 2);
     EXPECT_EQ(announced.at(0).at(0), true);
 }
 
-TEST_F(WindowsTest, TheAboutWindowOffersTheDownloadOnlyForANewerBuild)
+// The download is offered only for a newer build; what the site and the extension wrote stays plain text.
+TEST_F(WindowsTest, TheAboutWindowOffersOnlyANewerBuildAndShowsWhatOthersWroteAsPlainText)
 {
-    ProductUpdates updates{server.url(), directory.filePath("extension-status.json")};
+    const QString statusPath = directory.filePath("extension-status.json");
+    const QString markup = R"(<b>2.0</b><img src="file:///etc/hostname">)";
+    QFile status(statusPath);
+    ASSERT_TRUE(status.open(QIODevice::WriteOnly));
+    status.write(QJsonDocument(QJsonObject{{"extensionID", ExplainerConstants::extensionIdentifier()},
+                                           {"updatedAt", QDateTime::currentSecsSinceEpoch() * 1.0},
+                                           {"version", markup}})
+                     .toJson());
+    status.close();
+    ProductUpdates updates{server.url(), statusPath};
     AboutWindow window{&updates};
     window.present();
     EXPECT_FALSE(window.downloadButton()->isVisibleTo(&window));
@@ -472,23 +440,7 @@ TEST_F(WindowsTest, TheAboutWindowOffersTheDownloadOnlyForANewerBuild)
     EXPECT_FALSE(window.downloadButton()->isVisibleTo(&window));
     EXPECT_EQ(window.applicationStatusLabel()->text(),
               "澜镜 " + ProductRelease::version() + " 已是最新版本。");
-}
 
-TEST_F(WindowsTest, TheAboutWindowShowsWhatOthersWroteAsPlainText)
-{
-    const QString statusPath = directory.filePath("extension-status.json");
-    const QString markup = R"(<b>2.0</b><img src="file:///etc/hostname">)";
-    QFile status(statusPath);
-    ASSERT_TRUE(status.open(QIODevice::WriteOnly));
-    status.write(QJsonDocument(QJsonObject{{"extensionID", ExplainerConstants::extensionIdentifier()},
-                                           {"updatedAt", QDateTime::currentSecsSinceEpoch() * 1.0},
-                                           {"version", markup}})
-                     .toJson());
-    status.close();
-    ProductUpdates updates{server.url(), statusPath};
-    server.setFallback(manifest());
-    AboutWindow window{&updates};
-    window.present();
     ASSERT_TRUE(check(window.checkExtensionButton()));
     EXPECT_TRUE(window.extensionStatusLabel()->text().startsWith("当前扩展 " + markup));
     for (QLabel* label : {window.extensionStatusLabel(), window.applicationStatusLabel()}) {
@@ -521,21 +473,19 @@ TEST_F(WindowsTest, ThePageCheckAsksAboutTheShownServiceAndReportsTheAnswer)
     EXPECT_EQ(pending[0].request.provider, "kimi");
     EXPECT_EQ(pending[0].request.text, std::nullopt); // nothing that could be typed into the page
 
-    ASSERT_TRUE(PageSelfCheck::recordResult(store, QJsonObject{{"requestId", pending[0].request.id},
-                                                               {"reachable", true},
-                                                               {"signInPage", false},
-                                                               {"input", true},
-                                                               {"submit", true},
-                                                               {"signedIn", false}}));
+    QJsonObject answer{{"reachable", true}, {"signInPage", false}, {"input", true}, {"submit", true}};
+    answer.insert("requestId", pending[0].request.id);
+    answer.insert("signedIn", false);
+    ASSERT_TRUE(PageSelfCheck::recordResult(store, answer));
     ASSERT_TRUE(test::waitUntil([&] { return browser->pageCheckButton()->isEnabled(); }, 5000));
     EXPECT_TRUE(browser->messageLine()->text().startsWith("Kimi"));
     EXPECT_TRUE(browser->messageLine()->text().contains("还没有登录"));
     EXPECT_EQ(browser->messageLine()->tone(), Tone::warning);
 }
 
-// Results come and go without moving the form, in the light and the dark look; VELNORA_SHOT_DIR
+// Results fit in the light and the dark look and come and go without moving the form; VELNORA_SHOT_DIR
 // keeps the pictures for a person to look at.
-TEST_F(WindowsTest, ResultsNeverMoveTheFormInEitherLook)
+TEST_F(WindowsTest, ResultsFitAndNeverMoveTheFormInEitherLook)
 {
     auto window = makeWindow();
     ApiSettingsPage* api = window->apiPage();
@@ -553,37 +503,29 @@ TEST_F(WindowsTest, ResultsNeverMoveTheFormInEitherLook)
         }
         return points;
     };
-    const QString shots = qEnvironmentVariable("VELNORA_SHOT_DIR");
-    for (int page = 0; page < window->tabs()->count(); ++page) {
-        window->tabs()->setCurrentIndex(page);
-        ASSERT_EQ(test::clippedInEitherAppearance(window), QStringList());
-        // Wrapped lines learn their width from the first layout: let it settle as it does on screen.
+    // Wrapped lines learn their width from the first layout: let it settle as it does on screen.
+    const auto settle = [&] {
         for (int pass = 0; pass < 3; ++pass) {
             window->layout()->activate();
             QCoreApplication::processEvents();
         }
-        const QList<QPoint> quiet = positions();
+    };
+    for (int page = 0; page < window->tabs()->count(); ++page) {
+        window->tabs()->setCurrentIndex(page);
         api->modelListResult()->showMessage("5 个可用模型", Tone::success);
         api->testResult()->showMessage("连接成功，模型回复：“你好”", Tone::success);
         general->hotKeySection()->resultLine()->showMessage(
             "快捷键 Ctrl+Alt+E 已被其他应用占用，请在菜单栏中更换。", Tone::error);
         window->statusLine()->showMessage("设置已保存。", Tone::success);
-        window->layout()->activate();
-        QCoreApplication::processEvents();
-        EXPECT_EQ(positions(), quiet) << "page " << page;
-        if (!shots.isEmpty()) {
-            window->grab().save(QStringLiteral("%1/settings-%2-light.png").arg(shots).arg(page));
-            QApplication::setPalette(OverlayStyle::darkPalette());
-            QCoreApplication::processEvents();
-            window->grab().save(QStringLiteral("%1/settings-%2-dark.png").arg(shots).arg(page));
-            QApplication::setPalette(QApplication::style()->standardPalette());
-        }
+        ASSERT_EQ(test::clippedInEitherAppearance(window, QStringLiteral("settings-%1").arg(page)),
+                  QStringList());
+        settle();
+        const QList<QPoint> shown = positions();
         for (ResultLine* line : {api->modelListResult(), api->testResult(),
                                  general->hotKeySection()->resultLine(), window->statusLine()}) {
             line->clearMessage();
         }
-        window->layout()->activate();
-        QCoreApplication::processEvents();
-        EXPECT_EQ(positions(), quiet) << "page " << page;
+        settle();
+        EXPECT_EQ(positions(), shown) << "page " << page;
     }
 }

@@ -1,5 +1,6 @@
-// Capture against programs we did not write: GTK 3 (python3-gi), Tk (wish) and xterm, with the hot key
-// held the way a person holds it (XTest key down, 1.5 s, key up) and large clipboards owned by GTK.
+// Capture through the hot key held the way a person holds it (XTest key down, 1.5 s, key up): focused fields
+// of Qt and of programs we did not write, GTK 3 (python3-gi), Tk (wish) and xterm, and large clipboards
+// owned by GTK.
 #include "CaptureDesktopSupport.h"
 #include "CaptureTestData.h"
 #include "capture/GlobalHotKey.h"
@@ -17,37 +18,20 @@ using namespace test;
 const QString selected = QString::fromUtf8(CaptureTestData::selectedTrimmed);
 const QString secureField = QStringLiteral("不会读取密码或安全输入框中的内容。");
 
-BackgroundTool gtkSource(const QStringList& arguments)
-{
-    return BackgroundTool(QStringLiteral("/usr/bin/python3"),
-                          QStringList{QStringLiteral(CAPTURE_SOURCES_DIR "/gtk_source.py")} + arguments);
-}
-
-QRectF windowOf(const QString& readyLine)
-{
-    const QStringList parts = readyLine.split(u' ');
-    return parts.size() == 5 ? QRectF(parts[1].toInt(), parts[2].toInt(), parts[3].toInt(), parts[4].toInt())
-                             : QRectF();
-}
-
 // The default hot key wired to a read, as the application wires it.
 struct HotKeyRead
 {
     SelectionReader reader;
     GlobalHotKey hotKey;
     int presses = 0;
-    std::optional<SelectionResult> result;
-    QString failure;
+    std::optional<SelectionResult> result; // the last read, when it gave text
+    QString outcome;                       // its text or its message
 
     HotKeyRead()
     {
         EXPECT_TRUE(hotKey.registerChoice(HotKeyChoice::choice(std::nullopt), [this] {
             ++presses;
-            try {
-                result = reader.readSelection();
-            } catch (const SelectionReadError& error) {
-                failure = error.description();
-            }
+            outcome = readOutcome([this] { return *(result = reader.readSelection()); });
         }));
     }
 
@@ -56,22 +40,15 @@ struct HotKeyRead
     {
         presses = 0;
         result.reset();
-        failure.clear();
-        BackgroundTool keys(
-            QStringLiteral("xdotool"),
-            {"keydown", "ctrl+alt+e", "sleep", QString::number(holdMs / 1000.0), "keyup", "ctrl+alt+e"});
+        outcome.clear();
+        BackgroundTool keys("xdotool", {"keydown", "ctrl+alt+e", "sleep", QString::number(holdMs / 1000.0),
+                                        "keyup", "ctrl+alt+e"});
         EXPECT_TRUE(keys.finished(holdMs + 5000));
-        spinUntil([this] { return result || !failure.isEmpty(); }, 5000);
+        waitUntil([this] { return !outcome.isEmpty(); }, 5000);
         spinFor(200); // a repeat of the held key would fire by now
-        return result ? result->text : failure;
+        return outcome;
     }
 };
-
-std::optional<QByteArray> clipboard(const QByteArray& target)
-{
-    return runTool(QStringLiteral("xclip"),
-                   {"-o", "-selection", "clipboard", "-t", QString::fromLatin1(target)});
-}
 
 // Every format the clipboard's owner gives, as it gives it.
 QMap<QByteArray, QByteArray> clipboardContent()
@@ -89,43 +66,68 @@ QMap<QByteArray, QByteArray> clipboardContent()
     return content;
 }
 
-TEST(CaptureApplicationsTest, HeldHotKeyReadsAGtkEntryWithItsBoundsAndRefusesAGtkPasswordEntry)
+// Qt registers with the accessibility bus a moment after its window shows.
+bool focusedElementAppears(qint64 process, bool secure)
 {
+    const auto probe = CapturePlatform::create().accessibility;
+    const auto appeared = [&] {
+        for (const auto& element : probe->focusedElements(process, std::chrono::milliseconds(250))) {
+            if (element->isSecure() == secure) {
+                return true;
+            }
+        }
+        return false;
+    };
+    return probe && waitUntil(appeared, 10000);
+}
+
+// A focused field of Qt or GTK gives its selection, with bounds inside its window, to the held hot key and
+// to a peek; a password field ends the read although PRIMARY holds what a fallback would return.
+TEST(CaptureApplicationsTest, FocusedQtAndGtkFieldsGiveTheirTextAndBoundsAndPasswordFieldsStopTheRead)
+{
+    const QString gtk = QStringLiteral(CAPTURE_SOURCES_DIR "/gtk_source.py");
     const struct
     {
-        const char* mode;
-        QString outcome;
-        bool anchored;
+        QString program;
+        QStringList arguments;
+        bool secure;
     } cases[] = {
-        {"entry", selected, true},
-        {"password", secureField, false},
+        {CAPTURE_TEST_CLIENT, {"fields", "--accessible"}, false},
+        {CAPTURE_TEST_CLIENT, {"fields", "--focus", "password", "--accessible"}, true},
+        {"/usr/bin/python3", {gtk, "entry"}, false},
+        {"/usr/bin/python3", {gtk, "password"}, true},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.mode);
+        SCOPED_TRACE(c.arguments.join(u' ').toStdString());
+        const auto primary = c.secure ? ownSelection("primary", "primary text") : nullptr;
         HotKeyRead read;
-        BackgroundTool gtk = gtkSource({c.mode});
-        const QRectF window = windowOf(gtk.readyLine());
+        BackgroundTool source(c.program, c.arguments);
+        const QRectF window = windowOf(source.readyLine());
         ASSERT_TRUE(window.isValid());
-        EXPECT_EQ(read.pressAndHold(), c.outcome);
+        ASSERT_TRUE(focusedElementAppears(source.processId(), c.secure));
+        EXPECT_EQ(read.pressAndHold(), c.secure ? secureField : selected);
         EXPECT_EQ(read.presses, 1) << "the held key fired again";
-        if (c.anchored) {
+        const auto peeked = read.reader.peekSelection(source.processId());
+        ASSERT_EQ(peeked.has_value(), !c.secure);
+        if (!c.secure) {
             ASSERT_TRUE(read.result && read.result->anchorRect) << "the text did not come through AT-SPI";
             EXPECT_TRUE(window.contains(read.result->anchorRect->center()))
                 << read.result->anchorRect->x() << ',' << read.result->anchorRect->y();
+            EXPECT_EQ(peeked->text, selected);
+            EXPECT_EQ(peeked->anchorRect, read.result->anchorRect);
         }
     }
 }
 
 TEST(CaptureApplicationsTest, HeldHotKeyCopiesFromATkEntryWithoutTypingIntoItAndRestoresTheClipboard)
 {
-    BackgroundTool earlier(QStringLiteral("xclip"), {"-quiet", "-selection", "clipboard"},
-                           CaptureTestData::earlierText);
-    ASSERT_TRUE(spinUntil([] { return clipboard("UTF8_STRING") == CaptureTestData::earlierText; }, 5000));
+    const auto earlier = ownSelection("clipboard", CaptureTestData::earlierText);
+    ASSERT_TRUE(earlier);
     HotKeyRead read; // after the first read, it serves the restored clipboard
     // The longer hold outlasts both copy attempts' own waits for the keys.
     for (const int holdMs : {1500, 2500}) {
         SCOPED_TRACE(holdMs);
-        BackgroundTool tk(QStringLiteral("wish"), {QStringLiteral(CAPTURE_SOURCES_DIR "/tk_source.tcl")});
+        BackgroundTool tk = tkSource();
         ASSERT_TRUE(tk.readyLine().startsWith(QStringLiteral("ready")));
 
         EXPECT_EQ(read.pressAndHold(holdMs), selected);
@@ -152,17 +154,13 @@ TEST(CaptureApplicationsTest, HeldHotKeyCopiesFromXtermWithItsCopyKey)
         runTool(QStringLiteral("xdotool"),
                 {"windowfocus", "--sync", QString::fromLatin1(window), "mousemove", "--window",
                  QString::fromLatin1(window), "12", "8", "click", "--repeat", "2", "--delay", "80", "1"}));
-    ASSERT_TRUE(spinUntil(
+    ASSERT_TRUE(waitUntil(
         [] {
-            return runTool(QStringLiteral("xclip"), {"-o", "-selection", "primary"}) == "terminal";
+            return runTool("xclip", {"-o", "-selection", "primary"}) == "terminal";
         },
         3000));
-    BackgroundTool blank(QStringLiteral("xclip"), {"-quiet", "-selection", "primary"}, " ");
-    ASSERT_TRUE(spinUntil(
-        [] {
-            return runTool(QStringLiteral("xclip"), {"-o", "-selection", "primary"}) == " ";
-        },
-        3000));
+    const auto blank = ownSelection("primary", " ");
+    ASSERT_TRUE(blank);
 
     HotKeyRead read;
     EXPECT_EQ(read.pressAndHold(300), QStringLiteral("terminal"));
@@ -182,7 +180,7 @@ TEST(CaptureApplicationsTest, LargeGtkClipboardComesBackByteForByteAfterACopy)
         ASSERT_GE(before.first().size(), 400 * 1024);
 
         HotKeyRead read;
-        BackgroundTool tk(QStringLiteral("wish"), {QStringLiteral(CAPTURE_SOURCES_DIR "/tk_source.tcl")});
+        BackgroundTool tk = tkSource();
         ASSERT_TRUE(tk.readyLine().startsWith(QStringLiteral("ready")));
         const auto watcher = CapturePlatform::create().clipboard;
         const std::uint64_t changesBefore = watcher->clipboardChangeCount();
@@ -198,13 +196,8 @@ TEST(CaptureApplicationsTest, ClipboardThatCannotBeSavedWholeIsLeftAloneAndTheRe
     TestClient copier({"copy", "--stall"});
     ASSERT_TRUE(copier.readyLine().startsWith(QStringLiteral("ready")));
     SelectionReader reader;
-    QString outcome;
-    try {
-        outcome = reader.readSelection().text;
-    } catch (const SelectionReadError& error) {
-        outcome = error.description();
-    }
-    EXPECT_EQ(outcome, SelectionReadError(SelectionReadError::Case::clipboardNotSaved).description());
+    EXPECT_EQ(readOutcome([&] { return reader.readSelection(); }),
+              SelectionReadError(SelectionReadError::Case::clipboardNotSaved).description());
     // No Ctrl+C reached the client, or it would hold the copied text now.
     EXPECT_EQ(clipboard("UTF8_STRING"), QByteArray(CaptureTestData::earlierText));
 }

@@ -1,13 +1,10 @@
 #include "CaptureDesktopSupport.h"
 
+#include "capture/SelectionReadError.h"
+
 #include <QTest>
 
 namespace velnora::test {
-
-bool spinUntil(const std::function<bool()>& condition, int timeoutMs)
-{
-    return QTest::qWaitFor(condition, timeoutMs);
-}
 
 void spinFor(int milliseconds)
 {
@@ -21,7 +18,7 @@ std::optional<QByteArray> runTool(const QString& program, const QStringList& arg
     process.start(program, arguments);
     process.write(input);
     process.closeWriteChannel();
-    if (!spinUntil([&] { return process.state() == QProcess::NotRunning; }, 5000)) {
+    if (!waitUntil([&] { return process.state() == QProcess::NotRunning; }, 5000)) {
         process.kill();
         process.waitForFinished(1000);
         return std::nullopt;
@@ -30,6 +27,37 @@ std::optional<QByteArray> runTool(const QString& program, const QStringList& arg
         return std::nullopt;
     }
     return process.readAllStandardOutput();
+}
+
+QString readOutcome(const std::function<SelectionResult()>& read)
+{
+    try {
+        return read().text;
+    } catch (const SelectionReadError& error) {
+        return error.description();
+    }
+}
+
+std::optional<QByteArray> clipboard(const QString& target)
+{
+    return runTool(QStringLiteral("xclip"), {"-o", "-selection", "clipboard", "-t", target});
+}
+
+std::unique_ptr<BackgroundTool> ownSelection(const QString& selection, const QByteArray& text)
+{
+    auto tool = std::make_unique<BackgroundTool>(QStringLiteral("xclip"),
+                                                 QStringList{"-quiet", "-selection", selection}, text);
+    const auto owned = [&] {
+        return runTool(QStringLiteral("xclip"), {"-o", "-selection", selection}) == text;
+    };
+    return waitUntil(owned, 5000) ? std::move(tool) : nullptr;
+}
+
+QRectF windowOf(const QString& readyLine)
+{
+    const QStringList parts = readyLine.split(u' ');
+    return parts.size() == 5 ? QRectF(parts[1].toInt(), parts[2].toInt(), parts[3].toInt(), parts[4].toInt())
+                             : QRectF();
 }
 
 BackgroundTool::BackgroundTool(const QString& program, const QStringList& arguments, const QByteArray& input)
@@ -47,6 +75,16 @@ BackgroundTool::~BackgroundTool()
     m_process.waitForFinished(3000);
 }
 
+BackgroundTool gtkSource(const QStringList& arguments)
+{
+    return BackgroundTool("/usr/bin/python3", QStringList{CAPTURE_SOURCES_DIR "/gtk_source.py"} + arguments);
+}
+
+BackgroundTool tkSource()
+{
+    return BackgroundTool("wish", {CAPTURE_SOURCES_DIR "/tk_source.tcl"});
+}
+
 TestClient::TestClient(const QStringList& arguments, bool accessible)
     : BackgroundTool(QStringLiteral(CAPTURE_TEST_CLIENT),
                      arguments + (accessible ? QStringList{"--accessible"} : QStringList()), {})
@@ -54,7 +92,7 @@ TestClient::TestClient(const QStringList& arguments, bool accessible)
 
 QString BackgroundTool::readyLine()
 {
-    spinUntil([this] { return m_process.canReadLine() || m_process.state() == QProcess::NotRunning; }, 10000);
+    waitUntil([this] { return m_process.canReadLine() || m_process.state() == QProcess::NotRunning; }, 10000);
     return m_process.canReadLine() ? QString::fromUtf8(m_process.readLine()).trimmed() : QString();
 }
 
@@ -69,7 +107,7 @@ QStringList BackgroundTool::printedLines()
 
 bool BackgroundTool::finished(int timeoutMs)
 {
-    return spinUntil([this] { return m_process.state() == QProcess::NotRunning; }, timeoutMs);
+    return waitUntil([this] { return m_process.state() == QProcess::NotRunning; }, timeoutMs);
 }
 
 } // namespace velnora::test

@@ -1,8 +1,12 @@
 #pragma once
 
+#include "capture/SelectionResult.h"
+#include "support/LoopbackHttpServer.h" // waitUntil
+
 #include <QProcess>
 #include <QStringList>
 #include <functional>
+#include <memory>
 #include <optional>
 
 namespace velnora::test {
@@ -16,6 +20,12 @@ void spinFor(int milliseconds);
 // when it failed or took more than 5 s. The input is written and the channel closed.
 std::optional<QByteArray> runTool(const QString& program, const QStringList& arguments,
                                   const QByteArray& input = {});
+
+// The text a read gives, or the message of the error it ends with.
+QString readOutcome(const std::function<SelectionResult()>& read);
+
+// The CLIPBOARD in one format (a MIME type or TARGETS), as xclip reads it.
+std::optional<QByteArray> clipboard(const QString& target);
 
 // A program that keeps running, like "xclip -quiet" or a GTK window, killed when the object goes.
 class BackgroundTool
@@ -39,6 +49,16 @@ public:
 protected:
     QProcess m_process;
 };
+
+// xclip holding "primary" or "clipboard" with this text; none when the server never said so.
+std::unique_ptr<BackgroundTool> ownSelection(const QString& selection, const QByteArray& text);
+
+// The window of a source's "ready X Y W H" line; empty for any other line.
+QRectF windowOf(const QString& readyLine);
+
+// The programs beside these tests: gtk_source.py in one of its modes, and tk_source.tcl.
+BackgroundTool gtkSource(const QStringList& arguments);
+BackgroundTool tkSource();
 
 // One of the capture_test_client modes, accessible or not.
 class TestClient : public BackgroundTool

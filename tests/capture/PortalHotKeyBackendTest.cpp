@@ -1,18 +1,18 @@
 #include "capture/portal/PortalHotKeyBackend.h"
 
+#include "support/LoopbackHttpServer.h"
+
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMetaType>
 #include <QDBusVirtualObject>
-#include <QDeadlineTimer>
-#include <QEventLoop>
-#include <QTimer>
 #include <gtest/gtest.h>
 
 namespace velnora {
 namespace {
 
 using namespace std::chrono_literals;
+using test::waitUntil;
 
 const QString desktopPath = QStringLiteral("/org/freedesktop/portal/desktop");
 const QString shortcutsInterface = QStringLiteral("org.freedesktop.portal.GlobalShortcuts");
@@ -98,17 +98,6 @@ private:
     QDBusConnection m_bus;
 };
 
-bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 3s)
-{
-    const QDeadlineTimer deadline(timeout);
-    while (!condition() && !deadline.hasExpired()) {
-        QEventLoop loop;
-        QTimer::singleShot(10ms, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return condition();
-}
-
 class PortalHotKeyBackendTest : public ::testing::Test
 {
 protected:
@@ -152,7 +141,7 @@ TEST_F(PortalHotKeyBackendTest, APortalThatFailsEndsInChineseFeedbackWithinTheDe
         failures.clear();
         ScriptedPortal portal(c.behaviour);
         auto backend = start();
-        ASSERT_TRUE(waitFor([&] { return !failures.isEmpty(); })) << int(c.behaviour);
+        ASSERT_TRUE(waitUntil([&] { return !failures.isEmpty(); })) << int(c.behaviour);
         EXPECT_TRUE(failures.front().contains(QString::fromUtf8(c.says))) << failures.front().toStdString();
         EXPECT_TRUE(failures.front().contains(QStringLiteral("velnora --explain-selection")));
         EXPECT_TRUE(triggers.isEmpty());
@@ -163,7 +152,7 @@ TEST_F(PortalHotKeyBackendTest, ReportsTheDesktopsTriggerAndRunsTheActionOnlyFor
 {
     ScriptedPortal portal(ScriptedPortal::Behaviour::answers);
     auto backend = start();
-    ASSERT_TRUE(waitFor([&] { return !triggers.isEmpty(); })) << failures.join(' ').toStdString();
+    ASSERT_TRUE(waitUntil([&] { return !triggers.isEmpty(); })) << failures.join(' ').toStdString();
     EXPECT_EQ(triggers, QStringList{QStringLiteral("Ctrl+Alt+E")});
     // Listed already: nothing to bind.
     EXPECT_EQ(portal.calls, (QStringList{QStringLiteral("CreateSession"), QStringLiteral("ListShortcuts")}));
@@ -178,13 +167,13 @@ TEST_F(PortalHotKeyBackendTest, ReportsTheDesktopsTriggerAndRunsTheActionOnlyFor
                       {ours, QStringLiteral("another-id"), qulonglong(2), noOptions});
     portal.emitSignal(QStringLiteral("Activated"),
                       {ours, PortalHotKeyBackend::shortcutID, qulonglong(3), noOptions});
-    ASSERT_TRUE(waitFor([&] { return presses > 0; }));
-    waitFor([] { return false; }, 100ms);
+    ASSERT_TRUE(waitUntil([&] { return presses > 0; }));
+    waitUntil([] { return false; }, 100);
     EXPECT_EQ(presses, 1);
 
     portal.emitSignal(QStringLiteral("ShortcutsChanged"),
                       {ours, QVariant::fromValue(ScriptedPortal::shortcuts(QStringLiteral("Meta+E")))});
-    ASSERT_TRUE(waitFor([&] { return triggers.size() == 2; }));
+    ASSERT_TRUE(waitUntil([&] { return triggers.size() == 2; }));
     EXPECT_EQ(triggers.last(), QStringLiteral("Meta+E"));
     EXPECT_TRUE(failures.isEmpty());
 }

@@ -1,5 +1,6 @@
 // The README against the code it describes: a newcomer follows it word for word, so every menu item,
-// path, key name and command it names must be what the program and the build really have.
+// path, key name and command it names must be what the program and the build really have. And the menu
+// entry the package installs against the autostart entry the application writes.
 #include "app/LaunchAtLogin.h"
 #include "app/StatusMenu.h"
 #include "bridge/RequestStore.h"
@@ -11,7 +12,10 @@
 #include <QAction>
 #include <QDir>
 #include <QFile>
+#include <QProcess>
 #include <QRegularExpression>
+#include <QSettings>
+#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 namespace velnora {
@@ -118,6 +122,30 @@ TEST(ReadmeTest, TheTwoCommandsInstallWhatItSays)
         EXPECT_FALSE(packages[QStringLiteral("run")].contains(QLatin1String(testOnly))) << testOnly;
         EXPECT_TRUE(packages[QStringLiteral("test")].contains(QLatin1String(testOnly))) << testOnly;
     }
+}
+
+// Both valid for desktop-file-validate, and one program to the user.
+TEST(DesktopEntryTest, PackagedAndAutostartEntriesAreValidAndAgree)
+{
+    const QString packagedPath = test::sourceDir() + "/packaging/com.tarnwick.velnora.domestic.desktop";
+    QTemporaryDir folder;
+    const QString autostartPath = folder.filePath("velnora.desktop");
+    QFile file(autostartPath);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(LaunchAtLogin::entryText("/usr/bin/velnora"));
+    file.close();
+    EXPECT_EQ(QProcess::execute("desktop-file-validate", {packagedPath}), 0);
+    EXPECT_EQ(QProcess::execute("desktop-file-validate", {autostartPath}), 0);
+
+    // INI reading is enough for the keys compared here: none holds a list or an escape.
+    QSettings packaged(packagedPath, QSettings::IniFormat);
+    QSettings autostart(autostartPath, QSettings::IniFormat);
+    for (const char* key : {"Type", "Name", "Comment", "Icon", "Terminal", "X-KDE-autostart-after"}) {
+        const QString name = QStringLiteral("Desktop Entry/") + QLatin1String(key);
+        EXPECT_FALSE(packaged.value(name).toString().isEmpty()) << key;
+        EXPECT_EQ(packaged.value(name), autostart.value(name)) << key;
+    }
+    EXPECT_EQ(autostart.value("Desktop Entry/Exec").toString(), "/usr/bin/velnora");
 }
 
 } // namespace
