@@ -61,14 +61,15 @@ TEST(ModelCatalogText, SettingsWindowSentences)
 
 TEST_F(ModelCatalogTest, FetchesOverHttp)
 {
-    EXPECT_EQ(
-        fetch("deepseek", ScriptedResponse::json(200, R"({"data":[{"id":"deepseek-v4-pro"},{"id":"gpt-4o"},
-        {"id":"deepseek-v4-flash"},{"id":"deepseek-embedding-x"}]})")),
-        "deepseek-v4-flash deepseek-v4-pro");
+    ScriptedResponse list = ScriptedResponse::json(200, R"({"data":[{"id":"deepseek-v4-pro"},{"id":"gpt-4o"},
+        {"id":"deepseek-v4-flash"},{"id":"deepseek-embedding-x"}]})");
+    list.headers = "Set-Cookie: session=abc; Path=/\r\n";
+    EXPECT_EQ(fetch("deepseek", list), "deepseek-v4-flash deepseek-v4-pro");
     EXPECT_EQ(m_server.requests().first().target, "/v1/models");
     EXPECT_EQ(m_server.requests().first().header("Authorization"), "Bearer k");
     EXPECT_EQ(fetch("glm", ScriptedResponse::json(200, "<html>models</html>")), "")
         << "unknown shape, no failure";
+    EXPECT_EQ(m_server.requests().last().header("Cookie"), std::nullopt) << "the fetches share one session";
     EXPECT_EQ(fetch("ernie", ScriptedResponse::json(401, R"({"error":{"message":"invalid_iam_token"}})")),
               QStringLiteral(R"(请求失败（HTTP 401）：{"error":{"message":"invalid_iam_token"}})"));
     LoopbackHttpServer elsewhere;

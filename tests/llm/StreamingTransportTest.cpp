@@ -51,23 +51,6 @@ protected:
 
 } // namespace
 
-TEST_F(StreamingTransportTest, RequestReachesTheServerAndCookiesAreNeverSentBack)
-{
-    ScriptedResponse first = ScriptedResponse::stream(captureBytes("openai-chat-openaipython-1.sse"));
-    first.headers = "Set-Cookie: session=abc; Path=/\r\n";
-    m_server.enqueue(first);
-    m_server.enqueue(first);
-    EXPECT_EQ(run(m_server.url("/compatible-mode/v1/")).failure, "");
-    EXPECT_EQ(run(m_server.url("/compatible-mode/v1/")).failure, "");
-    ASSERT_EQ(m_server.requestCount(), 2);
-    const RecordedRequest request = m_server.requests().last();
-    EXPECT_EQ(request.method, "POST");
-    EXPECT_EQ(request.target, "/compatible-mode/v1/chat/completions");
-    EXPECT_EQ(request.header("Authorization"), "Bearer sk-loopback-test");
-    EXPECT_EQ(request.header("Cookie"), std::nullopt);
-    EXPECT_TRUE(request.body.contains(R"({"content":"hi","role":"user"})"));
-}
-
 // How each kind of answer ends: its text, and the failure's sentence (empty for success).
 TEST_F(StreamingTransportTest, EveryWayAnAnswerCanEnd)
 {
