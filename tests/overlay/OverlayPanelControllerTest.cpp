@@ -277,10 +277,7 @@ TEST_F(OverlayPanelControllerTest, RendersFollowTheEndOnlyWhileTheReaderIsThere)
     ASSERT_GT(bar->maximum(), 0);
     EXPECT_EQ(bar->value(), bar->maximum()) << "a reader at the end follows it";
 
-    bar->setValue(0); // scrolled back to read the start
-    stream(40);
-    EXPECT_EQ(bar->value(), 0);
-    bar->setValue(bar->maximum() / 2);
+    bar->setValue(bar->maximum() / 2); // scrolled back to read
     const int middle = bar->value();
     stream(40);
     EXPECT_EQ(bar->value(), middle);
