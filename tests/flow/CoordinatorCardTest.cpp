@@ -148,7 +148,7 @@ TEST_F(CoordinatorCardTest, AFurtherSelectionJoinsTheAnswerWhichBecomesKnownGood
 {
     configuration.setExplanationDepth(ExplanationDepth::fast);
     server.enqueue(silentStream());
-    explain("第一处");
+    explain("  第一处\n");
     ASSERT_TRUE(server.waitForRequests(1));
     // Before the first piece: continued without a false error.
     server.enqueue(ScriptedResponse::stream(chatStream({"**两处", "一起**的解释"}), 7));
@@ -173,6 +173,12 @@ TEST_F(CoordinatorCardTest, AFurtherSelectionJoinsTheAnswerWhichBecomesKnownGood
     ASSERT_TRUE(waitForIdle());
     EXPECT_EQ(test::sentMessages(server.requests().at(2).body).mid(3),
               (QStringList{"assistant:**两处一起**的解释", "user:再简单点？"}));
+
+    server.enqueue(ScriptedResponse::stream(chatStream({"第三处的解释"})));
+    explain("第三处");
+    ASSERT_TRUE(waitForIdle());
+    EXPECT_TRUE(shownText().startsWith("两处一起的解释")) << "a later selection continues the same card";
+    EXPECT_TRUE(shownText().endsWith("第三处的解释")) << shownText().toStdString();
 }
 
 TEST_F(CoordinatorCardTest, OnlyAConfigurationFaultFallsBackOnceAndTheAnswerSaysSo)
