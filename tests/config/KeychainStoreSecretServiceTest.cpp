@@ -4,42 +4,16 @@
 #include "config/SecretServiceBackend.h"
 #include "support/TestEnvironment.h"
 
-#include <QCoreApplication>
 #include <QLocalServer>
-#include <QProcess>
-#include <QUuid>
 #include <gtest/gtest.h>
 
 using namespace velnora;
 
 namespace {
 
-// Exit code and standard output of a program that must finish; with a bus address, the program
-// runs as a child of these tests on that bus.
-std::pair<int, QString> run(const QString& program, const QStringList& arguments,
-                            const QString& busAddress = {})
-{
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    if (!busAddress.isEmpty()) {
-        environment.insert("VELNORA_TEST_CHILD", "1");
-        environment.insert("DBUS_SESSION_BUS_ADDRESS", busAddress);
-    }
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start(program, arguments);
-    EXPECT_TRUE(process.waitForFinished(30000)) << program.toStdString();
-    return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput())};
-}
-
 QString secretToolLookup(const QString& service, const QString& account)
 {
-    return run("secret-tool", {"lookup", "service", service, "account", account}).second;
-}
-
-// A service name of its own, so tests running side by side never see each other's items.
-QString uniqueService()
-{
-    return "velnora.test." + QUuid::createUuid().toString(QUuid::WithoutBraces);
+    return test::runProgram("secret-tool", {"lookup", "service", service, "account", account}).out;
 }
 
 // A store on the real daemon whose reads of a secret can be made to fail with `forced` or to
@@ -48,7 +22,7 @@ struct InjectedStore
 {
     int32_t forced = 0;
     QByteArray readBack;
-    KeychainStore store{uniqueService()};
+    KeychainStore store{test::uniqueKeychainService()};
 
     InjectedStore()
     {
@@ -80,7 +54,7 @@ int32_t statusOf(const std::function<void()>& call)
 
 TEST(SecretServiceTest, SaveReadReplaceRepairAndDelete)
 {
-    const QString service = uniqueService();
+    const QString service = test::uniqueKeychainService();
     KeychainStore reader(service);
     EXPECT_EQ(reader.apiKey("kimi"), std::nullopt);
 
@@ -139,64 +113,40 @@ TEST(SecretServiceTest, FailuresSurfaceWithTheirStatusAndCacheNothing)
     ASSERT_EQ(SecretServiceBackend::addItem({store.service(), "glm", QByteArray("\xff\xfe\x80", 3)}), 0);
     EXPECT_EQ(statusOf([&] { store.apiKey("glm"); }), KeychainError::decodeFailed);
     EXPECT_FALSE(store.isCached("glm"));
+
+    // A failed write, a repair's included, leaves the key that was stored.
+    store.addItem = [](const KeychainItem&) { return KeychainError::timedOut; };
+    EXPECT_EQ(statusOf([&] { store.saveAPIKey("sk-new", "deepseek"); }), KeychainError::timedOut);
+    EXPECT_EQ(statusOf([&] { store.repairAccess("deepseek"); }), KeychainError::timedOut);
+    EXPECT_EQ(KeychainStore(store.service()).apiKey("deepseek"), "sk-ds");
 }
 
+// The repair mode names a missing or silent service, by its deadline, instead of finding no keys.
 TEST(SecretServiceTest, AMissingOrSilentServiceFailsWithAClearErrorByTheDeadline)
 {
-    if (qEnvironmentVariableIsSet("VELNORA_TEST_CHILD")) {
-        KeychainStore store("velnora.test");
-        store.copyItem = [](const KeychainQuery& query, QByteArray* secret) {
-            return SecretServiceBackend::copyItem(query, secret, std::chrono::milliseconds(300));
-        };
-        try {
-            store.apiKey("kimi");
-        } catch (const KeychainError& error) {
-            std::printf("status=%d %s\n", error.status(), error.description().toUtf8().constData());
-        }
-        return;
-    }
     // Connections wait in the backlog and nobody answers, as with an unlock prompt nobody answers.
     test::TemporaryHome home;
     QLocalServer silentBus;
     ASSERT_TRUE(silentBus.listen(home.filePath("silent-bus")));
-    const QString nowhere = "unix:path=/nonexistent/velnora-test-bus";
-    const struct
-    {
-        QString busAddress;
-        int32_t status;
-        const char* message;
-    } cases[] = {
-        {nowhere, KeychainError::serviceUnavailable, "没有可用的钥匙串服务（Secret Service 未运行）。"},
-        {"unix:path=" + silentBus.fullServerName(), KeychainError::timedOut, "钥匙串服务没有及时响应。"},
+    const std::pair<QString, const char*> cases[] = {
+        {"unix:path=/nonexistent/velnora-test-bus", "没有可用的钥匙串服务（Secret Service 未运行）。"},
+        {"unix:path=" + silentBus.fullServerName(), "钥匙串服务没有及时响应。"},
     };
-    for (const auto& c : cases) {
-        const QString out =
-            run(QCoreApplication::applicationFilePath(),
-                {"--gtest_filter=SecretServiceTest.AMissingOrSilentServiceFailsWithAClearErrorByTheDeadline"},
-                c.busAddress)
-                .second;
-        const QString expected = QStringLiteral("status=%1 无法访问系统钥匙串：").arg(c.status) + c.message;
-        EXPECT_TRUE(out.contains(expected + "\n")) << out.toStdString();
-    }
-
-    // The repair mode names the missing or silent service instead of finding no keys.
-    for (const auto& c : cases) {
+    for (const auto& [busAddress, message] : cases) {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("DBUS_SESSION_BUS_ADDRESS", c.busAddress);
-        QProcess repair;
-        repair.setProcessEnvironment(environment);
-        repair.start(test::velnoraBinary(), {"--repair-keychain-access"});
-        ASSERT_TRUE(repair.waitForFinished(30000));
-        EXPECT_EQ(repair.exitCode(), 1);
-        EXPECT_EQ(repair.readAllStandardOutput(), "");
-        EXPECT_EQ(QString::fromUtf8(repair.readAllStandardError()),
-                  QStringLiteral("keychain-access-repair: 无法访问系统钥匙串：") + c.message + "\n");
+        environment.insert("DBUS_SESSION_BUS_ADDRESS", busAddress);
+        const test::ProgramRun repair =
+            test::runProgram(test::velnoraBinary(), {"--repair-keychain-access"}, environment);
+        EXPECT_EQ(repair.exitCode, 1);
+        EXPECT_EQ(repair.out, "");
+        EXPECT_EQ(repair.err,
+                  QStringLiteral("keychain-access-repair: 无法访问系统钥匙串：") + message + "\n");
     }
 }
 
 TEST(SecretServiceTest, TheRepairWritesBackExactlyTheBytesItRead)
 {
-    KeychainStore store(uniqueService());
+    KeychainStore store(test::uniqueKeychainService());
     const struct
     {
         const char* provider;
@@ -218,14 +168,4 @@ TEST(SecretServiceTest, TheRepairWritesBackExactlyTheBytesItRead)
             << item.provider;
         EXPECT_EQ(secret, item.secret) << item.provider;
     }
-}
-
-TEST(SecretServiceTest, AFailedWriteKeepsTheKeyThatWasStored)
-{
-    KeychainStore store(uniqueService());
-    store.saveAPIKey("sk-kept", "qwen");
-    store.addItem = [](const KeychainItem&) { return KeychainError::timedOut; };
-    EXPECT_EQ(statusOf([&] { store.saveAPIKey("sk-new", "qwen"); }), KeychainError::timedOut);
-    EXPECT_EQ(statusOf([&] { store.repairAccess("qwen"); }), KeychainError::timedOut);
-    EXPECT_EQ(KeychainStore(store.service()).apiKey("qwen"), "sk-kept");
 }

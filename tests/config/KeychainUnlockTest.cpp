@@ -9,9 +9,7 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
-#include <QProcess>
 #include <QStandardPaths>
-#include <QUuid>
 #include <gtest/gtest.h>
 
 using namespace velnora;
@@ -32,10 +30,8 @@ bool lockLoginCollection()
 
 QString xdotool(const QStringList& arguments)
 {
-    QProcess process;
-    process.start("xdotool", arguments);
-    process.waitForFinished(10000);
-    return QString::fromUtf8(process.readAllStandardOutput()).trimmed();
+    return test::runProgram("xdotool", arguments, QProcessEnvironment::systemEnvironment(), 10000)
+        .out.trimmed();
 }
 
 // Waits for the prompter's window, then types into it what a user would.
@@ -76,7 +72,7 @@ protected:
         ASSERT_EQ(fresh.apiKey("kimi"), "sk-behind-the-lock");
     }
 
-    KeychainStore store{"velnora.test." + QUuid::createUuid().toString(QUuid::WithoutBraces)};
+    KeychainStore store{test::uniqueKeychainService()};
 };
 
 } // namespace

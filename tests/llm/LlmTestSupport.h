@@ -56,6 +56,16 @@ loopbackProvider(const QString& id, ProviderWireProtocol protocol, const QUrl& b
     return {definition, base.toString(), model, key};
 }
 
+// velnora --api-stream-self-test's standard output followed by its exit code, run directly or inside
+// `wrapper`.
+inline QString selfTest(const QStringList& arguments, QStringList wrapper = {})
+{
+    wrapper << velnoraBinary() << QStringLiteral("--api-stream-self-test") << arguments;
+    const QString program = wrapper.takeFirst();
+    const ProgramRun run = runProgram(program, wrapper);
+    return run.out + QString::number(run.exitCode);
+}
+
 // A loopback server that the developer's proxy variables cannot divert requests from.
 class LoopbackTest : public ::testing::Test
 {

@@ -11,17 +11,13 @@ class ModelCatalogTest : public LoopbackTest
 {
 protected:
     // The models fetched, or the failure's sentence.
-    QString fetch(const QString& id, ScriptedResponse response,
-                  std::chrono::milliseconds timeout = ModelCatalog::fetchTimeout)
+    QString fetch(const QString& id, ScriptedResponse response)
     {
         m_server.enqueue(std::move(response));
-        std::optional<PreparedRequest> request = ModelCatalog::request(
-            loopbackProvider(id, ProviderWireProtocol::openAIChat, m_server.url("/v1"), "x", "k"),
-            acceptAnyAddress);
-        request->inactivityTimeout = timeout;
         std::optional<ModelCatalog::ModelListResult> result;
-        ModelCatalog::fetch(*request, id,
-                            [&](const ModelCatalog::ModelListResult& outcome) { result = outcome; });
+        ModelCatalog::fetch(
+            loopbackProvider(id, ProviderWireProtocol::openAIChat, m_server.url("/v1"), "x", "k"),
+            [&](const ModelCatalog::ModelListResult& outcome) { result = outcome; }, acceptAnyAddress);
         EXPECT_TRUE(waitUntil([&] { return result.has_value(); }, 10000));
         return !result ? "none" : result->ok() ? result->value().join(u' ') : describe(result->failure());
     }
@@ -61,23 +57,15 @@ TEST(ModelCatalogText, SettingsWindowSentences)
 
 TEST_F(ModelCatalogTest, FetchesOverHttp)
 {
-    EXPECT_EQ(
-        fetch("deepseek", ScriptedResponse::json(200, R"({"data":[{"id":"deepseek-v4-pro"},{"id":"gpt-4o"},
-        {"id":"deepseek-v4-flash"},{"id":"deepseek-embedding-x"}]})")),
-        "deepseek-v4-flash deepseek-v4-pro");
+    ScriptedResponse list = ScriptedResponse::json(200, R"({"data":[{"id":"deepseek-v4-pro"},{"id":"gpt-4o"},
+        {"id":"deepseek-v4-flash"},{"id":"deepseek-embedding-x"}]})");
+    list.headers = "Set-Cookie: session=abc; Path=/\r\n";
+    EXPECT_EQ(fetch("deepseek", list), "deepseek-v4-flash deepseek-v4-pro");
     EXPECT_EQ(m_server.requests().first().target, "/v1/models");
     EXPECT_EQ(m_server.requests().first().header("Authorization"), "Bearer k");
     EXPECT_EQ(fetch("glm", ScriptedResponse::json(200, "<html>models</html>")), "")
         << "unknown shape, no failure";
+    EXPECT_EQ(m_server.requests().last().header("Cookie"), std::nullopt) << "the fetches share one session";
     EXPECT_EQ(fetch("ernie", ScriptedResponse::json(401, R"({"error":{"message":"invalid_iam_token"}})")),
               QStringLiteral(R"(请求失败（HTTP 401）：{"error":{"message":"invalid_iam_token"}})"));
-    LoopbackHttpServer elsewhere;
-    EXPECT_EQ(fetch("glm", ScriptedResponse::redirect(302, elsewhere.url("/v1/models").toEncoded())),
-              QStringLiteral("请求失败（HTTP 302）："));
-    EXPECT_EQ(elsewhere.requestCount(), 0);
-    ScriptedResponse silent = ScriptedResponse::json(200, R"({"data":[]})");
-    silent.ending = ScriptedResponse::Ending::stall;
-    EXPECT_EQ(fetch("glm", silent, std::chrono::milliseconds(300)),
-              QStringLiteral("网络请求失败（0.3 秒内没有收到任何数据）。"));
-    m_server.closeConnections();
 }

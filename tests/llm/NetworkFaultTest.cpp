@@ -25,10 +25,9 @@ public:
     {
         const QString cert = m_directory.filePath("cert.pem");
         const QString key = m_directory.filePath("key.pem");
-        QProcess request;
-        request.start("openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
-                                  "/CN=localhost", "-keyout", key, "-out", cert});
-        if (!request.waitForFinished(30000) || request.exitCode() != 0) {
+        if (runProgram("openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
+                                   "/CN=localhost", "-keyout", key, "-out", cert})
+                .exitCode != 0) {
             return;
         }
         m_server.start("openssl", {"s_server", "-accept", "127.0.0.1:0", "-cert", cert, "-key", key, "-www"});
@@ -61,24 +60,6 @@ private:
     QProcess m_server;
     quint16 m_port = 0;
 };
-
-// The self-test's standard output and its exit code, run directly or inside `wrapper`.
-QString selfTest(const QString& url, const QStringList& wrapper = {})
-{
-    QStringList command = wrapper + QStringList{velnoraBinary(), "--api-stream-self-test", url};
-    QProcess process;
-    process.start(command.takeFirst(), command);
-    EXPECT_TRUE(process.waitForFinished(60000));
-    return QString::fromUtf8(process.readAllStandardOutput()) + QString::number(process.exitCode());
-}
-
-bool canUnshareNetwork()
-{
-    QProcess probe;
-    probe.start("unshare", {"-rn", "true"});
-    return probe.waitForFinished(10000) && probe.exitStatus() == QProcess::NormalExit &&
-           probe.exitCode() == 0;
-}
 
 } // namespace
 
@@ -126,7 +107,7 @@ TEST_F(NetworkFaultTest, AnUntrustedCertificateHasItsOwnSentenceAndNamesTheProbl
     }
 
     // The program itself says it in Chinese, the certificate problem included.
-    const QString output = selfTest(tls.url("/v1").toString());
+    const QString output = selfTest({tls.url("/v1").toString()});
     EXPECT_TRUE(output.startsWith("api-stream-self-test: 服务器的安全证书没有通过验证"))
         << output.toStdString();
     EXPECT_TRUE(output.contains("服务端原文：") && output.contains("自签名")) << output.toStdString();
@@ -135,12 +116,12 @@ TEST_F(NetworkFaultTest, AnUntrustedCertificateHasItsOwnSentenceAndNamesTheProbl
 
 TEST(NetworkFault, WithoutANetworkTheUserIsToldSoAndNotToFixTheAddress)
 {
-    if (!canUnshareNetwork()) {
+    if (runProgram("unshare", {"-rn", "true"}).exitCode != 0) {
         GTEST_SKIP() << "this machine does not allow a private network namespace (unshare -rn)";
     }
     // A name that needs DNS, and an address that needs a route: neither exists in the namespace.
     for (const QString& url : {QString("https://api.deepseek.com/v1"), QString("https://203.0.113.7/v1")}) {
-        const QString output = selfTest(url, {"unshare", "-rn"});
+        const QString output = selfTest({url}, {"unshare", "-rn"});
         EXPECT_TRUE(output.startsWith("api-stream-self-test: 网络不可用或超时，稍后重试。"))
             << output.toStdString();
         EXPECT_FALSE(output.contains("设置 →")) << output.toStdString();
@@ -148,7 +129,7 @@ TEST(NetworkFault, WithoutANetworkTheUserIsToldSoAndNotToFixTheAddress)
     }
     // With the network up, a name that does not exist is the address's fault.
     if (NetworkSupport::networkReachable()) {
-        EXPECT_EQ(selfTest("https://velnora-no-such-host.invalid/v1"),
+        EXPECT_EQ(selfTest({"https://velnora-no-such-host.invalid/v1"}),
                   "api-stream-self-test: 找不到这个域名，请检查 Base URL 是否拼错。（设置 → Base URL）  "
                   "服务端原文：主机 velnora-no-such-host.invalid 没有找到\n1");
     }

@@ -85,17 +85,10 @@ TEST_F(MarkdownRendererTest, AdversarialInputRendersWithoutFailing)
     render(nested + "中" + QString(nested).replace(u'[', u']'));
     EXPECT_TRUE(document.toPlainText().contains(u'中'));
 
-    EXPECT_FALSE(render(QString(20000, u'`') + QString(20000, u'[') + "\r\r\r```").isEmpty());
     // Found by the fuzz target's linear-time check: every opener searched up to the one far closer
     // again, minutes for this line.
     const QString openers = QString(1000000, u'[') + "](";
     EXPECT_EQ(render(openers), QStringList{openers});
-    QString binary;
-    for (char16_t c = 0; c < 0x3000; c += 7) {
-        binary += QChar(c);
-    }
-    render(binary);
-    EXPECT_GT(document.characterCount(), 1);
 }
 
 } // namespace

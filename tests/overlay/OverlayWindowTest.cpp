@@ -5,6 +5,7 @@
 #include "overlay/OverlayPanelController.h"
 #include "overlay/PillPanel.h"
 #include "overlay/XInputClickSource.h"
+#include "support/TestEnvironment.h"
 
 #include <QGuiApplication>
 #include <QProcess>
@@ -19,11 +20,9 @@ namespace {
 // xdotool drives the real pointer; the X server, not Qt, delivers what it does.
 bool clickAt(const QPoint& point, int button = 1)
 {
-    QProcess process;
-    process.start("xdotool", {"mousemove", QString::number(point.x()), QString::number(point.y()), "click",
-                              QString::number(button)});
-    return process.waitForFinished(5000) && process.exitStatus() == QProcess::NormalExit &&
-           process.exitCode() == 0;
+    return test::runProgram("xdotool", {"mousemove", QString::number(point.x()), QString::number(point.y()),
+                                        "click", QString::number(button)})
+               .exitCode == 0;
 }
 
 bool exposed(QWidget* window)
@@ -71,10 +70,9 @@ TEST(OverlayWindowTest, CardTakesFocusOnlyWhenClickedAndCollapsesOnARealClickEls
 // xprop, not our own code, reads what the window manager is told about a window.
 QString windowProperties(QWidget* window)
 {
-    QProcess process;
-    process.start("xprop", {"-id", QString::number(window->winId()), "_NET_WM_DESKTOP", "_NET_WM_STATE"});
-    process.waitForFinished(5000);
-    return QString::fromUtf8(process.readAllStandardOutput());
+    return test::runProgram("xprop",
+                            {"-id", QString::number(window->winId()), "_NET_WM_DESKTOP", "_NET_WM_STATE"})
+        .out;
 }
 
 TEST(OverlayWindowTest, CardAndCapsuleFollowTheUserAcrossWorkspacesAndTheTrayMenuLeavesThemOpen)

@@ -1,6 +1,8 @@
 #include "TestEnvironment.h"
 
 #include <QDir>
+#include <QProcess>
+#include <QUuid>
 
 namespace velnora::test {
 
@@ -38,6 +40,26 @@ TemporaryHome::TemporaryHome()
     m_environment.set("XDG_STATE_HOME", root + "/.local/state");
     m_environment.set("VELNORA_DATA_DIR", root + "/.local/share/VelNoraDomestic");
     m_environment.unset("BRINKWELL_DATA_DIR");
+}
+
+ProgramRun runProgram(const QString& program, const QStringList& arguments,
+                      const QProcessEnvironment& environment, int timeoutMs)
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(program, arguments);
+    const bool finished = process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit;
+    if (!finished) {
+        process.kill();
+        process.waitForFinished(3000);
+    }
+    return {finished ? process.exitCode() : -1, QString::fromUtf8(process.readAllStandardOutput()),
+            QString::fromUtf8(process.readAllStandardError())};
+}
+
+QString uniqueKeychainService()
+{
+    return "velnora.test." + QUuid::createUuid().toString(QUuid::WithoutBraces);
 }
 
 QString velnoraBinary()

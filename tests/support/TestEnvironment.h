@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QTemporaryDir>
 #include <optional>
@@ -45,6 +46,19 @@ private:
     EnvironmentGuard m_environment;
 };
 
+// How a program that had to finish did: exit code -1 when it did not finish in time or crashed.
+struct ProgramRun
+{
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+ProgramRun runProgram(const QString& program, const QStringList& arguments,
+                      const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment(),
+                      int timeoutMs = 60000);
+
+// A keychain service name of its own, so test programs running side by side never share keys.
+QString uniqueKeychainService();
 // The velnora executable built with the tests.
 QString velnoraBinary();
 // The source tree (for test data).
