@@ -1,6 +1,6 @@
 #include "app/ApiStreamSelfTest.h"
 
-#include "app/ModeResult.h"
+#include "base/ModeResult.h"
 #include "config/ConfigurationError.h"
 #include "config/ConfigurationStore.h"
 #include "config/KeychainStore.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/ProcessArguments.h"
+#include "base/ProcessArguments.h"
 #include "config/ResolvedProviderConfiguration.h"
 
 #include <QUrl>

@@ -2,7 +2,7 @@
 
 #include "app/AppDelegate.h"
 #include "app/ControlBus.h"
-#include "app/ModeResult.h"
+#include "base/ModeResult.h"
 #include "overlay/OverlayStyle.h"
 
 #include <QApplication>

@@ -1,6 +1,6 @@
 #include "app/BridgeCommands.h"
 
-#include "app/ModeResult.h"
+#include "base/ModeResult.h"
 #include "bridge/BridgeDiagnostics.h"
 #include "bridge/BridgeRepair.h"
 #include "bridge/BridgeSelfChecks.h"

@@ -1,6 +1,6 @@
 #include "app/ControlBus.h"
 
-#include "app/ModeResult.h"
+#include "base/ModeResult.h"
 #include "config/SessionBus.h"
 
 #include <QCoreApplication>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/ProcessArguments.h"
+#include "base/ProcessArguments.h"
 
 #include <QString>
 #include <optional>

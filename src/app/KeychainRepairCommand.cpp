@@ -1,6 +1,6 @@
 #include "app/KeychainRepairCommand.h"
 
-#include "app/ModeResult.h"
+#include "base/ModeResult.h"
 #include "config/ProviderCatalog.h"
 #include "config/SecretServiceBackend.h"
 

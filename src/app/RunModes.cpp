@@ -6,8 +6,8 @@
 #include "app/ControlBus.h"
 #include "app/GeneralSelfTest.h"
 #include "app/KeychainRepairCommand.h"
-#include "app/ModeResult.h"
 #include "app/UpdateRunModes.h"
+#include "base/ModeResult.h"
 #include "capture/AccessibilityCheck.h"
 #include "config/ConfigSelfChecks.h"
 #include "config/ProviderCatalog.h"
@@ -58,7 +58,7 @@ const std::vector<Row>& table()
         {21, "--bridge-status", Match::flag, BridgeCommands::runBridgeStatus, "显示与 Chrome 扩展的连接状态"},
         {21, "--browser-page-check", Match::flagWithValue, BridgeCommands::runBrowserPageCheck, "服务  打开该网页服务的页面，检查输入框、发送按钮和登录状态（不发送任何内容）"},
         // Internal: the app starts it for each API request; not for people, so not in --help.
-        {21, FetchWorker::flag, Match::flag, [](const ProcessArguments& a) { return FetchWorker::run(a.argc(), a.argv()); }},
+        {21, FetchWorker::flag, Match::flag, FetchWorker::run},
         {22, "", Match::nativeMessaging, BridgeCommands::runNativeHost},
         {23, "", Match::always, ApplicationMode::run},
     };

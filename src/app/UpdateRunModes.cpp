@@ -2,7 +2,7 @@
 
 #include "app/AboutWindow.h"
 #include "app/ApplicationMode.h"
-#include "app/ModeResult.h"
+#include "base/ModeResult.h"
 #include "updates/ProductUpdates.h"
 #include "updates/UpdateSelfChecks.h"
 

@@ -1,5 +1,5 @@
-#include "app/ProcessArguments.h"
 #include "app/RunModes.h"
+#include "base/ProcessArguments.h"
 
 #include <QCoreApplication>
 #include <QLibraryInfo>

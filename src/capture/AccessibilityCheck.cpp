@@ -1,6 +1,6 @@
 #include "capture/AccessibilityCheck.h"
 
-#include "app/ModeResult.h"
+#include "base/ModeResult.h"
 #include "capture/CapturePlatform.h"
 
 namespace velnora::AccessibilityCheck {

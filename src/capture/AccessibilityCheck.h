@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/ProcessArguments.h"
+#include "base/ProcessArguments.h"
 
 namespace velnora::AccessibilityCheck {
 

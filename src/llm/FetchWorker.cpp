@@ -254,7 +254,7 @@ std::optional<QByteArray> takeFrame(QByteArray& buffer, qsizetype limit, bool* b
     return payload;
 }
 
-int run(int& argc, char** argv)
+int run(const ProcessArguments& arguments)
 {
     // The worker is of no use to anyone once its parent is gone, whatever it is waiting for.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -264,7 +264,7 @@ int run(int& argc, char** argv)
         std::fputs("fetch-worker：标准输入上没有可读的请求\n", stderr);
         return 2;
     }
-    QCoreApplication app(argc, argv);
+    QCoreApplication app(arguments.argc(), arguments.argv());
     // The parent closes our input to cancel, or dies.
     QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
     QObject::connect(&input, &QSocketNotifier::activated, &app, [&input] {

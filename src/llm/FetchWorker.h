@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/ProcessArguments.h"
 #include "llm/NetworkFetch.h"
 #include "llm/PreparedRequest.h"
 
@@ -37,7 +38,7 @@ std::optional<Frame> decodeFrame(const QByteArray& payload);
 std::optional<QByteArray> takeFrame(QByteArray& buffer, qsizetype limit, bool* broken);
 
 // The worker process: reads the request, sends it, reports, exits (0 once the end frame is out).
-int run(int& argc, char** argv);
+int run(const ProcessArguments& arguments);
 
 } // namespace FetchWorker
 

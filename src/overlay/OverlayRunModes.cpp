@@ -1,6 +1,6 @@
 #include "overlay/OverlayRunModes.h"
 
-#include "app/ModeResult.h"
+#include "base/ModeResult.h"
 #include "overlay/ExplanationPanel.h"
 #include "overlay/MarkdownRenderer.h"
 #include "overlay/OverlayGeometry.h"

@@ -1,4 +1,4 @@
-#include "app/ModeResult.h"
+#include "base/ModeResult.h"
 
 #include <cstdio>
 

@@ -1,4 +1,4 @@
-#include "app/ProcessArguments.h"
+#include "base/ProcessArguments.h"
 
 namespace velnora {
 
