@@ -10,39 +10,7 @@ if [ $# -eq 0 ]; then
   exit 2
 fi
 
-session_root=$(mktemp -d "${TMPDIR:-/tmp}/velnora-session.XXXXXX")
-pids=()
-
-cleanup() {
-  local pid
-  for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
-    pid=${pids[i]}
-    kill -TERM "$pid" 2>/dev/null
-  done
-  for pid in "${pids[@]}"; do
-    for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.02; done
-    kill -KILL "$pid" 2>/dev/null
-  done
-  rm -rf "$session_root"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-
-fail() { echo "desktop-session: $*" >&2; exit 1; }
-
-# Every desktop runs with a UTF-8 locale; under plain C the GTK and Tk programs of the tests hand
-# Chinese text over as Latin-1.
-case "${LC_ALL:-${LC_CTYPE:-${LANG:-}}}" in
-  *UTF-8* | *utf8*) ;;
-  *) export LANG=C.UTF-8; unset LC_ALL LC_CTYPE ;;
-esac
-export HOME="$session_root/home"
-export XDG_RUNTIME_DIR="$session_root/runtime"
-export XDG_CONFIG_HOME="$HOME/.config" XDG_DATA_HOME="$HOME/.local/share"
-export XDG_CACHE_HOME="$HOME/.cache" XDG_STATE_HOME="$HOME/.local/state"
-mkdir -p "$HOME" "$XDG_CONFIG_HOME" "$XDG_DATA_HOME" "$XDG_CACHE_HOME" "$XDG_STATE_HOME"
-mkdir -m 700 -p "$XDG_RUNTIME_DIR"
-unset WAYLAND_DISPLAY SESSION_MANAGER
+source "$(dirname "$0")/session-common.sh" desktop
 
 # X server: -displayfd picks a free display number without races.
 display_pipe="$session_root/display"

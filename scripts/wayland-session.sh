@@ -20,32 +20,9 @@ for program in /usr/bin/kwin_wayland /usr/bin/Xwayland /usr/libexec/xdg-desktop-
   fi
 done
 
-session_root=$(mktemp -d "${TMPDIR:-/tmp}/velnora-wayland.XXXXXX")
-pids=()
-
-cleanup() {
-  local pid
-  for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
-    kill -TERM "${pids[i]}" 2>/dev/null
-  done
-  for pid in "${pids[@]}"; do
-    for _ in $(seq 100); do kill -0 "$pid" 2>/dev/null || break; sleep 0.02; done
-    kill -KILL "$pid" 2>/dev/null
-  done
-  rm -rf "$session_root"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-
-fail() { echo "wayland-session: $*" >&2; exit 1; }
-
-export HOME="$session_root/home"
-export XDG_RUNTIME_DIR="$session_root/runtime"
-export XDG_CONFIG_HOME="$HOME/.config" XDG_DATA_HOME="$HOME/.local/share"
-export XDG_CACHE_HOME="$HOME/.cache" XDG_STATE_HOME="$HOME/.local/state"
-mkdir -p "$HOME" "$XDG_CONFIG_HOME" "$XDG_DATA_HOME" "$XDG_CACHE_HOME" "$XDG_STATE_HOME" "$session_root/bin"
-mkdir -m 700 -p "$XDG_RUNTIME_DIR"
-unset DISPLAY WAYLAND_DISPLAY SESSION_MANAGER
+source "$(dirname "$0")/session-common.sh" wayland
+mkdir -p "$session_root/bin"
+unset DISPLAY
 export XDG_CURRENT_DESKTOP=KDE XDG_SESSION_TYPE=wayland KDE_FULL_SESSION=true
 
 # The KDE portal tries to open System Settings; nothing here should start.
