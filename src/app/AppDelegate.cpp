@@ -18,6 +18,7 @@
 #include "bridge/NativeHostInstaller.h"
 #include "capture/CapturePlatform.h"
 #include "capture/SelectionReadError.h"
+#include "config/KeychainTask.h"
 #include "flow/ExplanationCoordinator.h"
 #include "llm/LLMClient.h"
 #include "llm/ProviderFailure.h"
@@ -352,6 +353,39 @@ void AppDelegate::route(const SelectionResult& selection)
 }
 
 void AppDelegate::routeToCard(const SelectionResult& selection)
+{
+    // A key not read yet this run may sit behind a locked keyring, whose prompt can stay up for a
+    // minute: it is read off the main thread, so that the tray, the hot key and the menu keep working.
+    const QString providerID = m_configuration->apiProviderID();
+    if (m_keychain.isCached(providerID)) {
+        explainInCard(selection);
+        return;
+    }
+    if (m_readingKey) {
+        showFeedback(QStringLiteral("正在读取钥匙串，请先在弹出的窗口里解锁"), 2.5);
+        return;
+    }
+    m_readingKey = true;
+    KeychainTask::start(
+        this, m_keychain,
+        [providerID](KeychainStore& store) {
+            return KeychainReply{false, store.apiKey(providerID), {}};
+        },
+        [this, selection, providerID](const KeychainReply& reply) {
+            m_readingKey = false;
+            if (reply.error) {
+                const ProviderDiagnosis diagnosis = ProviderDiagnostics::diagnose(*reply.error);
+                openSettings(reply.error->description(), Tone::error, diagnosis.field);
+                return;
+            }
+            if (reply.key) {
+                m_keychain.rememberKey(providerID, *reply.key);
+            }
+            explainInCard(selection);
+        });
+}
+
+void AppDelegate::explainInCard(const SelectionResult& selection)
 {
     std::optional<ProviderFailure> failure;
     try {

@@ -119,6 +119,7 @@ private:
     void ensureChromeRuns();
     void routeToBrowser(const SelectionResult& selection);
     void routeToCard(const SelectionResult& selection);
+    void explainInCard(const SelectionResult& selection);
     ProductUpdates* updates(); // created on first use
     void releaseClosedCard();
     void showAbout();
@@ -157,6 +158,7 @@ private:
     bool m_hotKeyRegistered = false;
     QString m_hotKeyFailure;
     bool m_chromeCheckRunning = false;
+    bool m_readingKey = false; // a key read for the card waits on the keyring
     int m_chromeSecondsLeft = 0;
 };
 

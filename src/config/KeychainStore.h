@@ -52,6 +52,8 @@ public:
     // Forgets the cached key, so the next read asks the secret store.
     void dropCachedKey(const QString& providerID) { m_cachedKeys.remove(providerID); }
     bool isCached(const QString& providerID) const { return m_cachedKeys.contains(providerID); }
+    // Takes in a key read by a detached copy of this store (KeychainTask) as if read here.
+    void rememberKey(const QString& providerID, const QString& key) { m_cachedKeys.insert(providerID, key); }
 
     struct ReadOutcome
     {

@@ -12,6 +12,7 @@
 #include "base/ProcessArguments.h"
 #include "capture/GlobalHotKey.h"
 #include "capture/SelectionReadError.h"
+#include "support/KeyringPrompt.h"
 #include "support/TestEnvironment.h"
 
 #include <QComboBox>
@@ -139,8 +140,9 @@ TEST_F(DesktopSessionTest, ApiModeWithoutAKeyOpensTheSettingsOnTheKey)
     KeychainStore().saveAPIKey(QString(), "ernie");
     auto delegate = launch();
     delegate->route(SelectionResult{"没有密钥", std::nullopt});
+    ASSERT_TRUE(waitUntil(
+        [&] { return delegate->settingsWindow() != nullptr; })); // the key is read off the main thread
     SettingsWindow* settings = delegate->settingsWindow();
-    ASSERT_NE(settings, nullptr);
     EXPECT_TRUE(settings->isVisible());
     EXPECT_TRUE(FieldMarks::isMarked(settings->apiPage()->apiKeyField()));
     EXPECT_TRUE(pending().empty());
@@ -320,7 +322,16 @@ TEST_F(DesktopSessionTest, HotKeyInApiModeStreamsTheAnswerIntoTheCard)
     ASSERT_TRUE(startApplication(authority->privateTrustCommand(velnoraBinary(), {}), proxy.proxyURL()));
     TestClient fields({"fields"}, true);
     ASSERT_TRUE(fields.readyLine().startsWith("ready"));
+    // The key sits behind a locked keyring: while its prompt waits for the user, the tray still answers
+    // (a second explanation is told to wait instead of hanging the caller).
+    ASSERT_TRUE(KeyringPrompt::lockLoginCollection());
     ASSERT_TRUE(runTool("xdotool", {"key", "ctrl+alt+e"}));
+    ASSERT_TRUE(waitUntil([] { return KeyringPrompt::isShown(); }, 20000)) << "no unlock prompt";
+    const ProgramRun second = runProgram(velnoraBinary(), {"--explain-selection", "第二段"},
+                                         QProcessEnvironment::systemEnvironment(), 10000);
+    EXPECT_EQ(second.exitCode, 0) << second.err.toStdString();
+    EXPECT_TRUE(proxy.requests().isEmpty());
+    ASSERT_TRUE(KeyringPrompt::answer({"Return"}, KeyringPrompt::sessionPassword));
     ASSERT_TRUE(waitUntil([&] { return !proxy.requests().isEmpty(); }, 15000));
     const QByteArray request = proxy.requests().first();
     EXPECT_TRUE(request.startsWith("POST /api/v3/responses HTTP/1.1")) << request.constData();

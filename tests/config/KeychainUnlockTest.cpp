@@ -3,59 +3,16 @@
 #include "config/KeychainStore.h"
 #include "config/KeychainTask.h"
 #include "config/SecretServiceBackend.h"
+#include "support/KeyringPrompt.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/TestEnvironment.h"
 
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusObjectPath>
 #include <QStandardPaths>
 #include <gtest/gtest.h>
 
 using namespace velnora;
 
 namespace {
-
-// The password scripts/desktop-session.sh gives the keyring.
-const QString sessionPassword = QStringLiteral("velnora-test");
-
-bool lockLoginCollection()
-{
-    QDBusMessage call = QDBusMessage::createMethodCall("org.freedesktop.secrets", "/org/freedesktop/secrets",
-                                                       "org.freedesktop.Secret.Service", "Lock");
-    call << QVariant::fromValue(
-        QList<QDBusObjectPath>{QDBusObjectPath("/org/freedesktop/secrets/collection/login")});
-    return QDBusConnection::sessionBus().call(call, QDBus::Block, 5000).type() == QDBusMessage::ReplyMessage;
-}
-
-QString xdotool(const QStringList& arguments)
-{
-    return test::runProgram("xdotool", arguments, QProcessEnvironment::systemEnvironment(), 10000)
-        .out.trimmed();
-}
-
-// Waits for the prompter's window, then types into it what a user would.
-bool answerPrompt(const QStringList& keys, const QString& typed)
-{
-    QString window;
-    test::waitUntil(
-        [&] {
-            window = xdotool({"search", "--onlyvisible", "--class", "gcr-prompter"}).section('\n', 0, 0);
-            return !window.isEmpty();
-        },
-        20000);
-    if (window.isEmpty()) {
-        return false;
-    }
-    // The prompter grabs the keyboard: keys go to it wherever the pointer is.
-    if (!typed.isEmpty()) {
-        xdotool({"type", "--delay", "15", typed});
-    }
-    for (const QString& key : keys) {
-        xdotool({"key", key});
-    }
-    return true;
-}
 
 class KeychainUnlockTest : public ::testing::Test
 {
@@ -92,10 +49,10 @@ TEST_F(KeychainUnlockTest, ALockedCollectionIsUnlockedThroughThePromptOrReported
          {},
          std::nullopt,
          "无法访问系统钥匙串：解锁登录钥匙串的请求被取消了，API Key 没有读取也没有保存。"},
-        {"password", {"Return"}, sessionPassword, "sk-behind-the-lock", {}},
+        {"password", {"Return"}, test::KeyringPrompt::sessionPassword, "sk-behind-the-lock", {}},
     };
     for (const auto& answer : answers) {
-        ASSERT_TRUE(lockLoginCollection()) << answer.name;
+        ASSERT_TRUE(test::KeyringPrompt::lockLoginCollection()) << answer.name;
         KeychainStore fresh(store.service());
         std::optional<KeychainReply> reply;
         QObject context;
@@ -105,7 +62,8 @@ TEST_F(KeychainUnlockTest, ALockedCollectionIsUnlockedThroughThePromptOrReported
                 return KeychainReply{false, s.apiKey("kimi"), {}};
             },
             [&](const KeychainReply& r) { reply = r; });
-        ASSERT_TRUE(answerPrompt(answer.keys, answer.typed)) << answer.name << ": no unlock prompt appeared";
+        ASSERT_TRUE(test::KeyringPrompt::answer(answer.keys, answer.typed))
+            << answer.name << ": no unlock prompt appeared";
         ASSERT_TRUE(test::waitUntil([&] { return reply.has_value(); }, 30000)) << answer.name;
         EXPECT_EQ(reply->key, answer.key) << answer.name;
         EXPECT_EQ(reply->error ? reply->error->description() : QString(), answer.error) << answer.name;
