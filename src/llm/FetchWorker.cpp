@@ -295,7 +295,10 @@ int run(const ProcessArguments& arguments)
             }
             QCoreApplication::exit(writeAll(STDOUT_FILENO, encodeFrame(frame)) ? 0 : 1);
         });
-    return app.exec();
+    const int status = app.exec();
+    // The ended fetch and its reply were only scheduled for deletion; their TLS state goes with them.
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    return status;
 }
 
 } // namespace velnora::FetchWorker

@@ -3,6 +3,7 @@
 #include "llm/FetchWorker.h"
 #include "llm/NetworkSupport.h"
 
+#include <QCoreApplication>
 #include <QProcess>
 
 namespace velnora {
@@ -117,8 +118,9 @@ void ProcessFetch::abandon()
     m_pending = QByteArray();
     if (QProcess* worker = m_worker) {
         worker->disconnect(this);
-        // Reaped when it has gone, so that abandoning never waits on it.
-        worker->setParent(nullptr);
+        // Reaped when it has gone, so that abandoning never waits on it; the application takes what
+        // is still running when it quits.
+        worker->setParent(QCoreApplication::instance());
         if (worker->state() == QProcess::NotRunning) {
             worker->deleteLater();
         } else {
