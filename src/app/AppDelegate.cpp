@@ -476,6 +476,8 @@ void AppDelegate::explainCurrentSelection()
         showFeedback(SelectionReadError(SelectionReadError::Case::noSelection).description(), 2.5);
         return;
     }
+    // Whatever the read gives, text is shown next: the font list is read on another core meanwhile.
+    FontCaches::prepare();
     SelectionResult selection;
     try {
         selection = m_selectionReader.readSelection();

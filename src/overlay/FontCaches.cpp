@@ -3,6 +3,7 @@
 #include <QFile>
 #include <QFontDatabase>
 #include <QStandardPaths>
+#include <QThreadPool>
 
 namespace velnora::FontCaches {
 
@@ -24,6 +25,11 @@ void release()
     if (id >= 0) {
         QFontDatabase::removeApplicationFont(id);
     }
+}
+
+void prepare()
+{
+    QThreadPool::globalInstance()->start([] { QFontDatabase::families(); });
 }
 
 } // namespace velnora::FontCaches
