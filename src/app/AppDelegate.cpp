@@ -18,7 +18,7 @@
 #include "bridge/NativeHostInstaller.h"
 #include "capture/CapturePlatform.h"
 #include "capture/SelectionReadError.h"
-#include "config/KeychainTask.h"
+#include "config/KeyReadProcess.h"
 #include "flow/ExplanationCoordinator.h"
 #include "llm/LLMClient.h"
 #include "llm/ProviderFailure.h"
@@ -310,7 +310,7 @@ ExplanationCoordinator* AppDelegate::explanationCoordinator()
 {
     if (!m_explanationCoordinator) {
         m_client = std::make_unique<LLMClient>();
-        m_client->setFetchWorker(QStringLiteral("/proc/self/exe"));
+        m_client->setFetchWorker(m_options.helperProgram);
         m_overlay = std::make_unique<OverlayPanelController>();
         m_overlay->setFixedPlacement(CapturePlatform::isWaylandSession());
         m_explanationCoordinator =
@@ -355,7 +355,7 @@ void AppDelegate::route(const SelectionResult& selection)
 void AppDelegate::routeToCard(const SelectionResult& selection)
 {
     // A key not read yet this run may sit behind a locked keyring, whose prompt can stay up for a
-    // minute: it is read off the main thread, so that the tray, the hot key and the menu keep working.
+    // minute: it is read without waiting here, so that the tray, the hot key and the menu keep working.
     const QString providerID = m_configuration->apiProviderID();
     if (m_keychain.isCached(providerID)) {
         explainInCard(selection);
@@ -366,23 +366,21 @@ void AppDelegate::routeToCard(const SelectionResult& selection)
         return;
     }
     m_readingKey = true;
-    KeychainTask::start(
-        this, m_keychain,
-        [providerID](KeychainStore& store) {
-            return KeychainReply{false, store.apiKey(providerID), {}};
-        },
-        [this, selection, providerID](const KeychainReply& reply) {
-            m_readingKey = false;
-            if (reply.error) {
-                const ProviderDiagnosis diagnosis = ProviderDiagnostics::diagnose(*reply.error);
-                openSettings(reply.error->description(), Tone::error, diagnosis.field);
-                return;
-            }
-            if (reply.key) {
-                m_keychain.rememberKey(providerID, *reply.key);
-            }
-            explainInCard(selection);
-        });
+    // In a process of its own, which also keeps the keyring libraries out of this long-lived one.
+    KeyReadProcess::start(this, m_options.helperProgram, m_keychain.service(), providerID,
+                          [this, selection, providerID](const KeychainReply& reply) {
+                              m_readingKey = false;
+                              if (reply.error) {
+                                  const ProviderDiagnosis diagnosis =
+                                      ProviderDiagnostics::diagnose(*reply.error);
+                                  openSettings(reply.error->description(), Tone::error, diagnosis.field);
+                                  return;
+                              }
+                              if (reply.key) {
+                                  m_keychain.rememberKey(providerID, *reply.key);
+                              }
+                              explainInCard(selection);
+                          });
 }
 
 void AppDelegate::explainInCard(const SelectionResult& selection)

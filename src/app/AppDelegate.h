@@ -52,6 +52,9 @@ public:
         int accessibilityPollMs = 500;
         int accessibilityPollLimitMs = 60000;
         int chromeWaitSeconds = 12;
+        // This executable, started again for the API mode's helper processes (fetch worker, key
+        // reads); a test program names the velnora binary instead of itself.
+        QString helperProgram = QStringLiteral("/proc/self/exe");
     };
 
     enum class InstanceClaim { first, another, noBus };

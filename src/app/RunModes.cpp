@@ -10,6 +10,7 @@
 #include "base/ModeResult.h"
 #include "capture/AccessibilityCheck.h"
 #include "config/ConfigSelfChecks.h"
+#include "config/KeyReadProcess.h"
 #include "config/ProviderCatalog.h"
 #include "llm/FetchWorker.h"
 #include "overlay/OverlayRunModes.h"
@@ -57,8 +58,9 @@ const std::vector<Row>& table()
         {20, "--bridge-diagnostics-self-test", Match::flag, BridgeCommands::runDiagnosticsSelfTest, "检查网页会话桥的诊断规则"},
         {21, "--bridge-status", Match::flag, BridgeCommands::runBridgeStatus, "显示与 Chrome 扩展的连接状态"},
         {21, "--browser-page-check", Match::flagWithValue, BridgeCommands::runBrowserPageCheck, "服务  打开该网页服务的页面，检查输入框、发送按钮和登录状态（不发送任何内容）"},
-        // Internal: the app starts it for each API request; not for people, so not in --help.
+        // Internal: the app starts these for API requests and key reads; not for people, so not in --help.
         {21, FetchWorker::flag, Match::flag, FetchWorker::run},
+        {21, KeyReadProcess::flag, Match::flag, KeyReadProcess::run},
         {22, "", Match::nativeMessaging, BridgeCommands::runNativeHost},
         {23, "", Match::always, ApplicationMode::run},
     };

@@ -67,6 +67,7 @@ protected:
         AppDelegate::Options options;
         options.firstDeliveryCheckMs = 100;
         options.secondDeliveryCheckMs = 300;
+        options.helperProgram = velnoraBinary();
         auto delegate = std::make_unique<AppDelegate>(options);
         EXPECT_EQ(delegate->claimInstance(), AppDelegate::InstanceClaim::first);
         delegate->applicationDidFinishLaunching(ProcessArguments(QStringList{"velnora"}));

@@ -1,7 +1,9 @@
 // Against the real Secret Service of the private test session (gnome-keyring).
 #include "app/KeychainRepairCommand.h"
+#include "config/KeyReadProcess.h"
 #include "config/KeychainStore.h"
 #include "config/SecretServiceBackend.h"
+#include "support/LoopbackHttpServer.h"
 #include "support/TestEnvironment.h"
 
 #include <QLocalServer>
@@ -168,4 +170,37 @@ TEST(SecretServiceTest, TheRepairWritesBackExactlyTheBytesItRead)
             << item.provider;
         EXPECT_EQ(secret, item.secret) << item.provider;
     }
+}
+
+// The tray reads a card's key in a child process: it must hand over exactly what the store holds,
+// and say so in Chinese when the keyring or the child fails.
+TEST(SecretServiceTest, AKeyReadInAChildProcessIsWhatTheStoreHolds)
+{
+    KeychainStore store{test::uniqueKeychainService()};
+    store.saveAPIKey(QStringLiteral("sk-子进程-1"), "deepseek");
+    const auto read = [&](const QString& program, const QString& providerID) {
+        std::optional<KeychainReply> reply;
+        QObject context;
+        KeyReadProcess::start(&context, program, store.service(), providerID,
+                              [&](const KeychainReply& r) { reply = r; });
+        EXPECT_TRUE(test::waitUntil([&] { return reply.has_value(); }, 15000));
+        return reply.value_or(KeychainReply{});
+    };
+    const auto error = [](const KeychainReply& reply) {
+        return reply.error ? reply.error->description() : QString();
+    };
+
+    EXPECT_EQ(read(test::velnoraBinary(), "deepseek").key, QStringLiteral("sk-子进程-1"));
+    const KeychainReply none = read(test::velnoraBinary(), "kimi");
+    EXPECT_EQ(none.key, std::nullopt);
+    EXPECT_EQ(error(none), "");
+    EXPECT_TRUE(error(read("/nonexistent/velnora", "deepseek")).contains("子进程无法启动"));
+    EXPECT_TRUE(error(read("/bin/echo", "deepseek")).contains("子进程没有给出结果"));
+    {
+        test::EnvironmentGuard environment;
+        environment.set("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/velnora-test-bus");
+        EXPECT_EQ(error(read(test::velnoraBinary(), "deepseek")),
+                  "无法访问系统钥匙串：没有可用的钥匙串服务（Secret Service 未运行）。");
+    }
+    store.saveAPIKey(QString(), "deepseek");
 }
