@@ -178,7 +178,7 @@ void askWindowToClose(DesktopProbe::Window window)
 // The tray idling, then one explanation asked for over the control bus (no capture involved) and its
 // card closed: memory is read a few seconds after each, once the app has settled.
 void measureFootprint(const QStringList& command, const QStringList& environment, const QString& emptyPath,
-                      int runs)
+                      int runs, const QString& fonts)
 {
     Footprint idle, afterCard;
     for (int run = 0; run < runs; ++run) {
@@ -206,9 +206,7 @@ void measureFootprint(const QStringList& command, const QStringList& environment
         spinFor(3000);
         afterCard.sample(app.pid());
     }
-    // The figures after a card depend on how many fonts the machine has: Qt reads the whole list.
-    std::printf("bench_app: footprint, %d runs (median), %lld font families installed\n", runs,
-                static_cast<long long>(QFontDatabase::families().size()));
+    std::printf("bench_app: footprint, %d runs (median), %s\n", runs, qPrintable(fonts));
     idle.print("tray idle");
     afterCard.print("one explanation, card closed");
 }
@@ -361,7 +359,29 @@ int main(int argc, char** argv)
             viaPrimary.push_back(hotKeyToCardMs(app.pid()));
         }
     }
-    measureFootprint(command, environment, emptyPath.path(), runs);
+    // The figures after a card depend on the fonts installed: Qt reads the whole list, fontconfig keeps its
+    // cache mapped. So the app is measured twice: with this machine's fonts, and with only the fonts its
+    // package depends on (Noto CJK, and DejaVu through fontconfig), the same on every machine.
+    measureFootprint(command, environment, emptyPath.path(), runs,
+                     QStringLiteral("%1 font families installed").arg(QFontDatabase::families().size()));
+    QTemporaryDir fontConfiguration;
+    QFile packageFonts(fontConfiguration.filePath(QStringLiteral("fonts.conf")));
+    if (packageFonts.open(QIODevice::WriteOnly)) {
+        packageFonts.write(
+            "<?xml version=\"1.0\"?>\n<!DOCTYPE fontconfig SYSTEM \"urn:fontconfig:fonts.dtd\">\n"
+            "<fontconfig>\n"
+            "  <dir>/usr/share/fonts/opentype/noto</dir>\n"
+            "  <dir>/usr/share/fonts/truetype/dejavu</dir>\n"
+            "  <cachedir>" +
+            fontConfiguration.path().toUtf8() +
+            "/cache</cachedir>\n"
+            "  <include ignore_missing=\"yes\">/etc/fonts/conf.d</include>\n"
+            "</fontconfig>\n");
+        packageFonts.close();
+        measureFootprint(
+            command, environment + QStringList{QStringLiteral("FONTCONFIG_FILE=") + packageFonts.fileName()},
+            emptyPath.path(), runs, QStringLiteral("only the package's fonts"));
+    }
     reportGtkSourceFigures(settingsPath, command, environment, emptyPath.path(), runs);
     KeychainStore().saveAPIKey(QString(), QStringLiteral("doubao"));
     trayHost.terminate();
