@@ -8,7 +8,7 @@ set -euo pipefail
 
 build_packages=(
   cmake ninja-build g++ pkg-config ccache git
-  qt6-base-dev qt6-base-dev-tools libqt6svg6-dev
+  qt6-base-dev qt6-base-dev-tools qt6-svg-dev
   libsecret-1-dev libatspi2.0-dev libglib2.0-dev
   libx11-dev libxtst-dev libxi-dev libxfixes-dev
   libxcb1-dev libxcb-keysyms1-dev libxcb-xinput-dev libxcb-xtest0-dev libxcb-xfixes0-dev
