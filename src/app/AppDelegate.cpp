@@ -371,9 +371,7 @@ void AppDelegate::routeToCard(const SelectionResult& selection)
                           [this, selection, providerID](const KeychainReply& reply) {
                               m_readingKey = false;
                               if (reply.error) {
-                                  const ProviderDiagnosis diagnosis =
-                                      ProviderDiagnostics::diagnose(*reply.error);
-                                  openSettings(reply.error->description(), Tone::error, diagnosis.field);
+                                  showCardFailure(*reply.error);
                                   return;
                               }
                               if (reply.key) {
@@ -394,11 +392,16 @@ void AppDelegate::explainInCard(const SelectionResult& selection)
         failure = error;
     }
     if (failure) {
-        const ProviderDiagnosis diagnosis = ProviderDiagnostics::diagnose(*failure);
-        openSettings(describe(*failure), Tone::error, diagnosis.field);
+        showCardFailure(*failure);
         return;
     }
     showFeedback(QStringLiteral("正在解释"));
+}
+
+// No card without a usable key or configuration: the settings open on the field to fix.
+void AppDelegate::showCardFailure(const ProviderFailure& failure)
+{
+    openSettings(describe(failure), Tone::error, ProviderDiagnostics::diagnose(failure).field);
 }
 
 void AppDelegate::routeToBrowser(const SelectionResult& selection)

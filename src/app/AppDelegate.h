@@ -10,6 +10,7 @@
 #include "capture/SelectionResult.h"
 #include "config/ConfigurationStore.h"
 #include "config/KeychainStore.h"
+#include "llm/ProviderFailure.h"
 
 #include <QObject>
 #include <QPointer>
@@ -123,6 +124,7 @@ private:
     void routeToBrowser(const SelectionResult& selection);
     void routeToCard(const SelectionResult& selection);
     void explainInCard(const SelectionResult& selection);
+    void showCardFailure(const ProviderFailure& failure);
     ProductUpdates* updates(); // created on first use
     void releaseClosedCard();
     void showAbout();
