@@ -411,7 +411,10 @@ TEST_F(DesktopSessionTest, SigtermQuitsReleasingTheKeyAndHandingTheClipboardToTh
     auto earlier = ownSelection("clipboard", CaptureTestData::earlierText);
     ASSERT_TRUE(earlier);
     BackgroundTool app(velnoraBinary(), {});
-    ASSERT_TRUE(waitUntil([] { return !keyIsFree(); }, 10000)) << "the application never took the key";
+    // Probing the key grabs it for a moment: polling with it could make the application's own grab fail.
+    // The status file is written once the key is registered.
+    ASSERT_TRUE(waitUntil([] { return QFile::exists(RequestStore().appStatusFilePath()); }, 10000));
+    ASSERT_FALSE(keyIsFree()) << "the application never took the key";
     // MATE's clipboard manager keeps a clipboard only when its owner asks it to (SAVE_TARGETS). Its other
     // plugins stay off: they would change the display's settings for every later test.
     QFile keyfile(m_home.configHome() + QStringLiteral("/glib-2.0/settings/keyfile"));
