@@ -11,7 +11,7 @@ build_packages=(
   qt6-base-dev qt6-base-dev-tools qt6-svg-dev
   libsecret-1-dev libatspi2.0-dev libglib2.0-dev
   libx11-dev libxtst-dev libxi-dev libxfixes-dev
-  libxcb1-dev libxcb-keysyms1-dev libxcb-xinput-dev libxcb-xtest0-dev libxcb-xfixes0-dev
+  libxcb1-dev libxcb-keysyms1-dev libxcb-xinput-dev libxcb-xtest0-dev libxcb-xfixes0-dev libxkbcommon-dev
   librsvg2-bin dpkg-dev
 )
 run_packages=(

@@ -1,7 +1,8 @@
 #include "capture/GnomeCustomKeybinding.h"
 
+#include "capture/KeySymbol.h"
+
 #undef signals
-#include <QKeySequence>
 #include <QStringList>
 #include <gio/gio.h>
 #include <memory>
@@ -83,7 +84,7 @@ QString accelerator(const HotKeyChoice& choice)
     if (choice.modifiers & Qt::ShiftModifier) {
         text += QStringLiteral("<Shift>");
     }
-    return text + QKeySequence(choice.key).toString(QKeySequence::PortableText).toLower();
+    return text + KeySymbol::nameOf(choice.key);
 }
 
 Result bind(const HotKeyChoice& choice)

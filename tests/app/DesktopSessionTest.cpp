@@ -173,6 +173,9 @@ TEST_F(DesktopSessionTest, ACustomHotKeyIsRecordedAndRegisteredAndATakenOneRefus
          "组合键至少要包含 Ctrl、Alt 或 Super 中的一个，再加一个普通键，请重新按。"},
         {QKeyCombination(Qt::ControlModifier | Qt::ShiftModifier, Qt::Key_K), "custom:Ctrl+Shift+K", true,
          "全局快捷键：Ctrl+Shift+K"},
+        {QKeyCombination(Qt::ControlModifier | Qt::AltModifier, Qt::Key_VolumeUp), std::nullopt, false,
+         "这个键不能用作全局快捷键，请换一个普通键再按。"},
+        {QKeyCombination(Qt::MetaModifier, Qt::Key_F7), "custom:Meta+F7", true, "全局快捷键：Super+F7"},
         {QKeyCombination(Qt::ControlModifier | Qt::AltModifier, Qt::Key_T), "custom:Ctrl+Alt+T", false,
          "快捷键 Ctrl+Alt+T 已被其他应用占用，请在菜单栏中更换。"},
     };

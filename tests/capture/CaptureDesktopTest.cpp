@@ -145,5 +145,25 @@ TEST(GlobalHotKeyDesktopTest, FiresOnlyForItsCombinationAndIsTakenReplacedAndRel
     EXPECT_TRUE(otherClientCanGrab()) << "destruction left the grab behind";
 }
 
+// A recorded combination may end in any key of the keyboard, not only a letter or a digit.
+TEST(GlobalHotKeyDesktopTest, RecordedCombinationsWithFunctionNavigationAndPunctuationKeysFire)
+{
+    const std::pair<QKeyCombination, const char*> combinations[] = {
+        {Qt::ControlModifier | Qt::Key_F5, "ctrl+F5"},
+        {Qt::MetaModifier | Qt::Key_Space, "super+space"},
+        {Qt::ControlModifier | Qt::AltModifier | Qt::Key_Semicolon, "ctrl+alt+semicolon"},
+        {Qt::ControlModifier | Qt::ShiftModifier | Qt::Key_Exclam, "ctrl+shift+1"},
+        {Qt::AltModifier | Qt::Key_PageDown, "alt+Next"},
+    };
+    for (const auto& [combination, keys] : combinations) {
+        int fired = 0;
+        GlobalHotKey hotKey;
+        const HotKeyChoice choice = HotKeyChoice::custom(combination.keyboardModifiers(), combination.key());
+        ASSERT_TRUE(hotKey.registerChoice(choice, [&] { ++fired; })) << keys;
+        ASSERT_TRUE(press(keys));
+        EXPECT_EQ(firingsAfter(fired, 1), 1) << keys;
+    }
+}
+
 } // namespace
 } // namespace velnora

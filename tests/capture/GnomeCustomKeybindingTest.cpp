@@ -1,6 +1,7 @@
 #include "capture/GnomeCustomKeybinding.h"
 
 #undef signals
+#include <QProcess>
 #include <QStringList>
 #include <QTemporaryDir>
 #include <gio/gio.h>
@@ -90,12 +91,29 @@ TEST_F(GnomeCustomKeybindingTest, AcceleratorsFollowTheChoice)
         {"control-option-e", "<Super><Alt>e"},
         {"control-command-e", "<Control><Super>e"},
         {"custom:Ctrl+Shift+K", "<Control><Shift>k"},
+        {"custom:Ctrl+Alt+;", "<Control><Alt>semicolon"},
+        {"custom:Meta+F5", "<Super>F5"},
+        {"custom:Alt+PgDown", "<Alt>Next"},
+        {"custom:Ctrl+Space", "<Control>space"},
     };
+    QStringList accelerators;
     for (const auto& c : cases) {
-        EXPECT_EQ(GnomeCustomKeybinding::accelerator(HotKeyChoice::fromID(QString::fromLatin1(c.id))),
-                  QLatin1String(c.accelerator))
-            << c.id;
+        accelerators << GnomeCustomKeybinding::accelerator(HotKeyChoice::fromID(QString::fromLatin1(c.id)));
+        EXPECT_EQ(accelerators.back(), QLatin1String(c.accelerator)) << c.id;
     }
+    // GNOME reads the binding with GTK's parser, which knows keys by their keysym names only.
+    QProcess gtk;
+    gtk.start(QStringLiteral("/usr/bin/python3"),
+              QStringList{QStringLiteral("-c"),
+                          QStringLiteral("import sys, gi\n"
+                                         "gi.require_version('Gtk', '3.0')\n"
+                                         "from gi.repository import Gtk\n"
+                                         "for a in sys.argv[1:]: print(Gtk.accelerator_parse(a)[0] != 0)")} +
+                  accelerators);
+    ASSERT_TRUE(gtk.waitForFinished(20000));
+    EXPECT_EQ(QString::fromUtf8(gtk.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts),
+              QStringList(accelerators.size(), QStringLiteral("True")))
+        << accelerators.join(u' ').toStdString();
 }
 
 // The user's entry stays as it was; one of the same keys, however spelled, keeps the keys for the user.

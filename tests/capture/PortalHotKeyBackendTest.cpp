@@ -189,7 +189,8 @@ TEST(PortalHotKeyBackendTriggerTest, PreferredTriggersFollowTheChoice)
         {Qt::ControlModifier | Qt::AltModifier, Qt::Key_E, "CTRL+ALT+e"},
         {Qt::MetaModifier | Qt::AltModifier, Qt::Key_E, "LOGO+ALT+e"},
         {Qt::ControlModifier | Qt::MetaModifier, Qt::Key_E, "CTRL+LOGO+e"},
-        {Qt::ControlModifier | Qt::ShiftModifier, Qt::Key_F5, "CTRL+SHIFT+f5"},
+        {Qt::ControlModifier | Qt::ShiftModifier, Qt::Key_F5, "CTRL+SHIFT+F5"},
+        {Qt::ControlModifier | Qt::AltModifier, Qt::Key_Semicolon, "CTRL+ALT+semicolon"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(PortalHotKeyBackend::preferredTrigger(c.modifiers, c.key), QLatin1String(c.trigger));

@@ -3,6 +3,7 @@
 #include "app/settings/ResultLine.h"
 #include "capture/CapturePlatform.h"
 #include "capture/GnomeCustomKeybinding.h"
+#include "capture/KeySymbol.h"
 
 #include <QComboBox>
 #include <QHBoxLayout>
@@ -158,6 +159,11 @@ void HotKeySection::record(const QKeyCombination& combination)
         m_result->showMessage(
             QStringLiteral("组合键至少要包含 Ctrl、Alt 或 Super 中的一个，再加一个普通键，请重新按。"),
             Tone::warning);
+        return;
+    }
+    if (KeySymbol::of(key) == 0) {
+        m_recorder->clear();
+        m_result->showMessage(QStringLiteral("这个键不能用作全局快捷键，请换一个普通键再按。"), Tone::warning);
         return;
     }
     apply(HotKeyChoice::custom(combination.keyboardModifiers(), key));

@@ -1,10 +1,10 @@
 #include "capture/portal/PortalHotKeyBackend.h"
 
+#include "capture/KeySymbol.h"
 #include "capture/portal/PortalRequest.h"
 
 #include <QDBusPendingCallWatcher>
 #include <QDBusReply>
-#include <QKeySequence>
 
 namespace velnora {
 
@@ -82,7 +82,7 @@ QString PortalHotKeyBackend::preferredTrigger(Qt::KeyboardModifiers modifiers, Q
     if (modifiers & Qt::ShiftModifier) {
         parts << QStringLiteral("SHIFT");
     }
-    parts << QKeySequence(key).toString(QKeySequence::PortableText).toLower();
+    parts << KeySymbol::nameOf(key);
     return parts.join(QLatin1Char('+'));
 }
 

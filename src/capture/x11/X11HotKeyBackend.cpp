@@ -1,26 +1,12 @@
 #include "capture/x11/X11HotKeyBackend.h"
 
+#include "capture/KeySymbol.h"
 #include "capture/x11/X11Connection.h"
 
 #include <X11/keysym.h>
 #include <cstdlib>
 
 namespace velnora {
-
-namespace {
-
-xcb_keysym_t keysymFor(Qt::Key key)
-{
-    if (key >= Qt::Key_A && key <= Qt::Key_Z) {
-        return XK_a + (key - Qt::Key_A);
-    }
-    if (key >= Qt::Key_0 && key <= Qt::Key_9) {
-        return XK_0 + (key - Qt::Key_0);
-    }
-    return 0;
-}
-
-} // namespace
 
 X11HotKeyBackend::X11HotKeyBackend(std::unique_ptr<X11Connection> connection) : m_x(std::move(connection))
 {
@@ -58,7 +44,7 @@ bool X11HotKeyBackend::grab(Qt::KeyboardModifiers modifiers, Qt::Key key, std::f
 {
     release();
     m_onPressed = std::move(onPressed);
-    const xcb_keysym_t keysym = keysymFor(key);
+    const xcb_keysym_t keysym = KeySymbol::of(key);
     m_keycode = keysym ? m_x->keycodeFor(keysym) : 0;
     if (m_keycode == 0) {
         return false;
