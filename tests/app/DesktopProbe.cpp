@@ -3,6 +3,7 @@
 #include <QSize>
 #include <atspi/atspi.h>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <xcb/xcb.h>
 
@@ -62,6 +63,23 @@ std::optional<Window> embeddedTrayIcon(qint64 pid)
 std::optional<Window> shownWindow(qint64 pid, int minimumWidth, int minimumHeight)
 {
     return findWindow(pid, true, QSize(minimumWidth, minimumHeight));
+}
+
+bool selectionHasOwner(const char* selection)
+{
+    xcb_connection_t* c = xcb_connect(nullptr, nullptr);
+    bool owned = false;
+    if (!xcb_connection_has_error(c)) {
+        auto* atom = xcb_intern_atom_reply(
+            c, xcb_intern_atom(c, 0, uint16_t(std::strlen(selection)), selection), nullptr);
+        auto* owner = atom ? xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, atom->atom), nullptr)
+                           : nullptr;
+        owned = owner && owner->owner != XCB_NONE;
+        std::free(owner);
+        std::free(atom);
+    }
+    xcb_disconnect(c);
+    return owned;
 }
 
 std::optional<QString> accessibleContent(qint64 pid)

@@ -15,6 +15,9 @@ std::optional<Window> embeddedTrayIcon(qint64 pid);
 // A shown top-level window of the process at least this large (the card, a settings window).
 std::optional<Window> shownWindow(qint64 pid, int minimumWidth, int minimumHeight);
 
+// Whether some client owns the named selection ("CLIPBOARD_MANAGER", "PRIMARY").
+bool selectionHasOwner(const char* selection);
+
 // The names and texts of every accessible object of the process, one per line, or none when the
 // process is not on the accessibility bus. Each call is bounded by the library's own time-out.
 std::optional<QString> accessibleContent(qint64 pid);

@@ -431,7 +431,8 @@ TEST_F(DesktopSessionTest, SigtermQuitsReleasingTheKeyAndHandingTheClipboardToTh
     keyfile.close();
     m_environment.set("GSETTINGS_BACKEND", "keyfile");
     BackgroundTool manager(QStringLiteral("mate-settings-daemon"), {});
-    spinFor(2000); // it takes CLIPBOARD_MANAGER among its start-up work
+    ASSERT_TRUE(waitUntil([] { return DesktopProbe::selectionHasOwner("CLIPBOARD_MANAGER"); }, 15000))
+        << "the clipboard manager never started";
 
     // A copy from Tk: afterwards the application serves the restored clipboard, and xclip has gone.
     BackgroundTool tk = tkSource();
