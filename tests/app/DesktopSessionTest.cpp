@@ -288,7 +288,7 @@ TEST_F(DesktopSessionTest, OneShotProcessesDriveTheRunningInstance)
         EXPECT_EQ(explain.exitCode(), c.exitCode) << c.says;
         EXPECT_TRUE(QString::fromUtf8(explain.readAllStandardOutput()).startsWith(c.says)) << c.says;
     }
-    spinFor(300);
+    spinFor(300); // an autolaunched daemon would have appeared by now
     EXPECT_EQ(busDaemonsOnThisDisplay().join(u',').toStdString(), daemons.join(u',').toStdString());
 
     auto delegate = launch();

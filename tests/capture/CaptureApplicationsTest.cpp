@@ -148,17 +148,20 @@ TEST(CaptureApplicationsTest, HeldHotKeyCopiesFromXtermWithItsCopyKey)
             .value_or("")
             .trimmed();
     ASSERT_FALSE(window.isEmpty());
-    spinFor(300); // the shell's text drawn
-    // A double click selects the first word; then another client takes PRIMARY, as selecting elsewhere would.
-    ASSERT_TRUE(
-        runTool(QStringLiteral("xdotool"),
-                {"windowfocus", "--sync", QString::fromLatin1(window), "mousemove", "--window",
-                 QString::fromLatin1(window), "12", "8", "click", "--repeat", "2", "--delay", "80", "1"}));
+    // A double click selects the first word, once the shell has printed it; then another client takes
+    // PRIMARY, as selecting elsewhere would.
     ASSERT_TRUE(waitUntil(
-        [] {
-            return runTool("xclip", {"-o", "-selection", "primary"}) == "terminal";
+        [&] {
+            runTool(QStringLiteral("xdotool"),
+                    {"windowfocus", "--sync", QString::fromLatin1(window), "mousemove", "--window",
+                     QString::fromLatin1(window), "12", "8", "click", "--repeat", "2", "--delay", "80", "1"});
+            if (runTool("xclip", {"-o", "-selection", "primary"}) == "terminal") {
+                return true;
+            }
+            spinFor(400); // past the multi-click time, so that the next double click starts afresh
+            return false;
         },
-        3000));
+        8000));
     const auto blank = ownSelection("primary", " ");
     ASSERT_TRUE(blank);
 
