@@ -106,6 +106,7 @@ public:
     OverlayPanelController* overlay() const { return m_overlay.get(); }
     bool isAccessibilityMonitorRunning() const { return m_accessibilityMonitorTimer.isActive(); }
     bool isHotKeyRegistered() const { return m_hotKeyRegistered; }
+    bool isReadingSelection() const { return m_selectionReader.isReading(); }
     GlobalHotKey* hotKey() const { return m_hotKey; }
     std::optional<qint64> lastActiveApplicationPID() const { return m_lastActiveApplicationPID; }
 

@@ -395,7 +395,15 @@ TEST_F(DesktopSessionTest, ASecondExplainDuringAReadSaysSoAndTheFirstReadGoesOn)
     BackgroundTool tk = tkSource();
     ASSERT_TRUE(tk.readyLine().startsWith(QStringLiteral("ready")));
     // The first read waits for the held keys; the menu's explain comes in meanwhile.
-    QTimer::singleShot(700, delegate.get(), [&] { delegate->explainCurrentSelection(); });
+    QTimer whileReading;
+    whileReading.setInterval(20);
+    QObject::connect(&whileReading, &QTimer::timeout, delegate.get(), [&] {
+        if (delegate->isReadingSelection()) {
+            whileReading.stop();
+            delegate->explainCurrentSelection();
+        }
+    });
+    whileReading.start();
     BackgroundTool keys(QStringLiteral("xdotool"),
                         {"keydown", "ctrl+alt+e", "sleep", "1.5", "keyup", "ctrl+alt+e"});
     ASSERT_TRUE(waitUntil([] { return !pending().empty(); }, 8000));
